@@ -1,0 +1,67 @@
+// File-manager operations on real files. Each operation that can fail takes an optional out-error
+// pointer: on failure it stores an error of the Cocoa domain (with the path and the underlying
+// POSIX error in its user info) and answers false / empty; on success it leaves the pointer
+// untouched, so one error variable can serve several calls.
+//
+// The default manager can be replaced for a whole process, which is how tests fix what the file
+// system reports (free space, sizes) without touching the real disk's numbers.
+#pragma once
+
+#include <QDateTime>
+#include <QString>
+#include <QStringList>
+#include <QUrl>
+#include <QVariantMap>
+#include <memory>
+
+#include "platform/foundation/NSError.h"
+
+// Keys of attributesOfItemAtPath: and attributesOfFileSystemForPath:.
+inline const QString NSFileType = QStringLiteral("NSFileType");
+inline const QString NSFileSize = QStringLiteral("NSFileSize");
+inline const QString NSFileModificationDate = QStringLiteral("NSFileModificationDate");
+inline const QString NSFileCreationDate = QStringLiteral("NSFileCreationDate");
+inline const QString NSFilePosixPermissions = QStringLiteral("NSFilePosixPermissions");
+inline const QString NSFileSystemSize = QStringLiteral("NSFileSystemSize");
+inline const QString NSFileSystemFreeSize = QStringLiteral("NSFileSystemFreeSize");
+
+inline const QString NSFileTypeRegular = QStringLiteral("NSFileTypeRegular");
+inline const QString NSFileTypeDirectory = QStringLiteral("NSFileTypeDirectory");
+inline const QString NSFileTypeSymbolicLink = QStringLiteral("NSFileTypeSymbolicLink");
+inline const QString NSFileTypeUnknown = QStringLiteral("NSFileTypeUnknown");
+
+// Typed readers of an attributes dictionary.
+uint64_t fileSize(const QVariantMap& attributes);
+QDateTime fileModificationDate(const QVariantMap& attributes);
+
+class NSFileManager {
+public:
+    virtual ~NSFileManager() = default;
+
+    static std::shared_ptr<NSFileManager> defaultManager();
+    // Installs `manager` as the default manager; an empty pointer restores the real one.
+    static void setDefaultManagerForTesting(std::shared_ptr<NSFileManager> manager);
+
+    // Whether anything exists at `path`, following a final symbolic link.
+    virtual bool fileExistsAtPath(const QString& path);
+
+    virtual bool createDirectoryAtPath(const QString& path, bool withIntermediateDirectories,
+                                       const QVariantMap* attributes, NSErrorPtr* error);
+
+    // Entry names (not "." or ".."), in the order the directory lists them, not recursive.
+    virtual QStringList contentsOfDirectoryAtPath(const QString& path, NSErrorPtr* error);
+
+    // The item itself, not what a symbolic link points to.
+    virtual QVariantMap attributesOfItemAtPath(const QString& path, NSErrorPtr* error);
+    virtual QVariantMap attributesOfFileSystemForPath(const QString& path, NSErrorPtr* error);
+
+    // Removes a file, a link (never what it points to) or a whole directory tree.
+    virtual bool removeItemAtPath(const QString& path, NSErrorPtr* error);
+    bool removeItemAtURL(const QUrl& url, NSErrorPtr* error);
+
+    // Fails with NSFileWriteFileExistsError when something is already at the destination.
+    virtual bool moveItemAtURL(const QUrl& source, const QUrl& destination, NSErrorPtr* error);
+};
+
+// "~" and "~/..." expanded from HOME; like every path string, the result has no trailing slash.
+QString stringByExpandingTildeInPath(const QString& path);

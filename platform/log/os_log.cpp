@@ -1,0 +1,180 @@
+#include "platform/log/os_log.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <QDateTime>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+
+#ifdef LUMARO_HAVE_JOURNAL
+#include <systemd/sd-journal.h>
+#endif
+
+namespace platform::log {
+namespace {
+
+uint32_t typesFromEnvironment() {
+    const char* env = std::getenv("LUMARO_LOG_TYPES");
+    if (env == nullptr) {
+        return kDefaultTypeBit | kErrorTypeBit;
+    }
+    const std::string value(env);
+    uint32_t mask = 0;
+    if (value.find("default") != std::string::npos) {
+        mask |= kDefaultTypeBit;
+    }
+    if (value.find("error") != std::string::npos) {
+        mask |= kErrorTypeBit;
+    }
+    return mask;
+}
+
+std::mutex gSinkMutex;
+LogCapture* gCapture = nullptr;  // guarded by gSinkMutex
+
+// The journal is used when standard error is the stream systemd handed us (JOURNAL_STREAM names
+// its device and inode).
+bool stderrIsJournal() {
+    const char* stream = std::getenv("JOURNAL_STREAM");
+    if (stream == nullptr) {
+        return false;
+    }
+    struct stat st {};
+    if (fstat(STDERR_FILENO, &st) != 0) {
+        return false;
+    }
+    unsigned long long dev = 0;
+    unsigned long long ino = 0;
+    if (std::sscanf(stream, "%llu:%llu", &dev, &ino) != 2) {
+        return false;
+    }
+    return dev == st.st_dev && ino == st.st_ino;
+}
+
+std::string processName() {
+    char buf[256] = {};
+    const ssize_t n = readlink("/proc/self/exe", buf, sizeof buf - 1);
+    if (n <= 0) {
+        return "unknown";
+    }
+    const char* slash = std::strrchr(buf, '/');
+    return slash != nullptr ? slash + 1 : buf;
+}
+
+void writeToBackend(const LogRecord& record) {
+    static const bool journal = stderrIsJournal();
+    static const std::string name = processName();
+#ifdef LUMARO_HAVE_JOURNAL
+    if (journal) {
+        const int priority = record.type >= OS_LOG_TYPE_ERROR ? 3 : 5;
+        sd_journal_send("MESSAGE=%s", record.text.c_str(), "PRIORITY=%d", priority,
+                        "LUMARO_SUBSYSTEM=%s", record.subsystem.c_str(), nullptr);
+        return;
+    }
+#else
+    (void)journal;
+#endif
+    const QByteArray now =
+        QDateTime::currentDateTime().toString("yyyy-MM-dd HH:mm:ss.zzz").toUtf8();
+    const char* type = record.isNSLog ? "NSLog"
+                       : record.type >= OS_LOG_TYPE_ERROR ? "Error"
+                                                          : "Default";
+    std::string line;
+    line.reserve(record.text.size() + 64);
+    line.append(now.constData()).append(" ").append(name).append("[");
+    line.append(std::to_string(getpid())).append("] <").append(type).append("> ");
+    line.append(record.text).append("\n");
+    (void)!write(STDERR_FILENO, line.data(), line.size());
+}
+
+}  // namespace
+
+void deliver(LogRecord&& record) {
+    {
+        std::lock_guard lock(gSinkMutex);
+        if (gCapture != nullptr) {
+            gCapture->add(std::move(record));
+            return;
+        }
+    }
+    writeToBackend(record);
+}
+
+void setEnabledTypes(uint32_t mask) {
+    _os_log_default.enabledTypes.store(mask, std::memory_order_relaxed);
+}
+
+uint32_t enabledTypes() {
+    return _os_log_default.enabledTypes.load(std::memory_order_relaxed);
+}
+
+void logMessage(os_log_t log, os_log_type_t type, std::string_view format,
+          std::initializer_list<FormatArg> args) {
+    if (!os_log_type_enabled(log, type)) {
+        return;
+    }
+    deliver(LogRecord{log->name, type, false, formatMessage(format, args)});
+}
+
+void emitNSLog(std::string_view format, std::initializer_list<FormatArg> args) {
+    deliver(LogRecord{"NSLog", OS_LOG_TYPE_DEFAULT, true, formatMessage(format, args)});
+}
+
+struct LogCapture::State {
+    mutable std::mutex mutex;
+    std::vector<LogRecord> records;
+};
+
+LogCapture::LogCapture() : state_(new State) {
+    std::lock_guard lock(gSinkMutex);
+    gCapture = this;
+}
+
+LogCapture::~LogCapture() {
+    {
+        std::lock_guard lock(gSinkMutex);
+        if (gCapture == this) {
+            gCapture = nullptr;
+        }
+    }
+    delete state_;
+}
+
+void LogCapture::add(LogRecord&& record) {
+    std::lock_guard lock(state_->mutex);
+    state_->records.push_back(std::move(record));
+}
+
+std::vector<LogRecord> LogCapture::records() const {
+    std::lock_guard lock(state_->mutex);
+    return state_->records;
+}
+
+std::vector<std::string> LogCapture::texts() const {
+    std::vector<std::string> out;
+    for (const LogRecord& r : records()) {
+        out.push_back(r.text);
+    }
+    return out;
+}
+
+size_t LogCapture::count(std::string_view text) const {
+    size_t n = 0;
+    for (const LogRecord& r : records()) {
+        n += r.text == text ? 1 : 0;
+    }
+    return n;
+}
+
+void LogCapture::clear() {
+    std::lock_guard lock(state_->mutex);
+    state_->records.clear();
+}
+
+}  // namespace platform::log
+
+os_log_s _os_log_default{"default", platform::log::typesFromEnvironment()};
+os_log_s _os_log_disabled{"disabled", 0};

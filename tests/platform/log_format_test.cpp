@@ -1,0 +1,58 @@
+#include <gtest/gtest.h>
+
+#include "platform/foundation/NSError.h"
+#include "platform/log/os_log.h"
+
+using platform::log::formatMessage;
+using platform::log::LogCapture;
+
+TEST(LogFormat, RendersEachConversionAsAReaderExpects) {
+    EXPECT_EQ(formatMessage(" [INFO] %{public}s:%d ", {"-[A b]", 42}), " [INFO] -[A b]:42 ");
+    EXPECT_EQ(formatMessage("%s|%i|%u|%%|%c", {"x", -3, 7u, 'z'}), "x|-3|7|%|z");
+    EXPECT_EQ(formatMessage("%lld %llu", {int64_t{-5000000000}, uint64_t{5000000000}}),
+              "-5000000000 5000000000");
+    EXPECT_EQ(formatMessage("%.2f %g", {1.005, 0.5}), "1.00 0.5");
+    EXPECT_EQ(formatMessage("%{private}s", {"secret"}), "<private>");
+    EXPECT_EQ(formatMessage("%@ and %@", {QString("q"), nullptr}), "q and (null)");
+    EXPECT_EQ(formatMessage("%p", {nullptr}), "0x0");
+}
+
+TEST(LogFormat, NarrowsPlainIntegerConversionsTo32Bits) {
+    EXPECT_EQ(formatMessage("%d", {int64_t{0x100000005}}), "5");
+    EXPECT_EQ(formatMessage("%i", {int64_t{0xFFFFFFFF}}), "-1");
+}
+
+TEST(LogFormat, NeverReadsBeyondItsArguments) {
+    EXPECT_EQ(formatMessage("%s %d %@", {"only"}), "only (missing) (missing)");
+    EXPECT_EQ(formatMessage("none", {1, 2, 3}), "none");
+    EXPECT_EQ(formatMessage("trailing %", {}), "trailing %");
+    EXPECT_EQ(formatMessage("%{public", {"x"}), "%{public");
+    EXPECT_EQ(formatMessage("%q", {}), "%q");
+}
+
+TEST(LogFormat, ErrorsPrintTheirDescription) {
+    NSErrorPtr error = NSError::errorWithDomain("D", 7, {{NSLocalizedDescriptionKey, "gone"}});
+    EXPECT_EQ(formatMessage("error = %@", {error}),
+              "error = Error Domain=D Code=7 \"gone\" UserInfo={NSLocalizedDescription=gone}");
+}
+
+TEST(Log, DisabledTypesCostNoEvaluationAndTheDisabledHandleWritesNothing) {
+    LogCapture capture;
+    int evaluated = 0;
+    auto arg = [&] { return ++evaluated; };
+    os_log_with_type(OS_LOG_DISABLED, OS_LOG_TYPE_ERROR, "%d", arg());
+    const uint32_t saved = platform::log::enabledTypes();
+    platform::log::setEnabledTypes(platform::log::kErrorTypeBit);
+    os_log(OS_LOG_DEFAULT, "%d", arg());
+    os_log_error(OS_LOG_DEFAULT, "err %d", arg());
+    platform::log::setEnabledTypes(saved);
+    NSLog("plain %s", "line");
+
+    EXPECT_EQ(evaluated, 1);
+    const auto records = capture.records();
+    ASSERT_EQ(records.size(), 2u);
+    EXPECT_EQ(records[0].text, "err 1");
+    EXPECT_EQ(records[0].type, OS_LOG_TYPE_ERROR);
+    EXPECT_TRUE(records[1].isNSLog);
+    EXPECT_EQ(records[1].text, "plain line");
+}
