@@ -57,3 +57,32 @@ function(lumaro_test name)
     add_dependencies(concurrent_tests ${name})
   endif()
 endfunction()
+
+# lumaro_folder_library(NAME LIBS ... [OPTIONAL_LIBS ...]): a library of every .cpp in the calling
+# folder, so that several people can add files to one folder without editing its build file.
+# OPTIONAL_LIBS are linked when they exist as targets by then.
+function(lumaro_folder_library name)
+  cmake_parse_arguments(ARG "" "" "LIBS;OPTIONAL_LIBS" ${ARGN})
+  file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*.cpp)
+  if(NOT sources)
+    return()  # nothing written here yet
+  endif()
+  set(libs ${ARG_LIBS})
+  foreach(lib ${ARG_OPTIONAL_LIBS})
+    if(TARGET ${lib})
+      list(APPEND libs ${lib})
+    endif()
+  endforeach()
+  lumaro_library(${name} SOURCES ${sources} LIBS ${libs})
+endfunction()
+
+# Adds every subfolder of the calling folder that has a CMakeLists.txt.
+function(lumaro_add_subfolders)
+  file(GLOB children RELATIVE ${CMAKE_CURRENT_SOURCE_DIR} CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*)
+  list(SORT children)
+  foreach(child ${children})
+    if(EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/${child}/CMakeLists.txt)
+      add_subdirectory(${child})
+    endif()
+  endforeach()
+endfunction()
