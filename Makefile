@@ -23,7 +23,7 @@ build/asan/build.ninja: | deps
 
 test-asan: deps build/asan/build.ninja
 	@cmake --build --preset asan -j$(JOBS)
-	@cd build/asan && ASAN_OPTIONS=detect_leaks=0 $(CTEST)
+	@cd build/asan && ASAN_OPTIONS=detect_leaks=1 LSAN_OPTIONS=suppressions=$(CURDIR)/cmake/lsan.supp $(CTEST)
 
 build/tsan/build.ninja: | deps
 	@cmake --preset tsan >/dev/null
