@@ -1,0 +1,87 @@
+// A fixture with a throw-away HOME and runtime folder, the picker's entitlements and no
+// user-selected paths; everything restored afterwards.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <QByteArray>
+#include <QDir>
+#include <QFile>
+#include <cstdlib>
+#include <optional>
+#include <string>
+
+#include "platform/sandbox/entitlements.h"
+#include "platform/sandbox/sandbox.h"
+#include "tests/support/TempDir.h"
+
+namespace lumaro::test {
+
+class ScopedEnv {
+public:
+    ScopedEnv(const char* name, const QByteArray& value) : name_(name) {
+        if (const char* old = std::getenv(name)) {
+            old_ = QByteArray(old);
+        }
+        ::setenv(name, value.constData(), 1);
+    }
+    ~ScopedEnv() {
+        if (old_) {
+            ::setenv(name_, old_->constData(), 1);
+        } else {
+            ::unsetenv(name_);
+        }
+    }
+    ScopedEnv(const ScopedEnv&) = delete;
+    ScopedEnv& operator=(const ScopedEnv&) = delete;
+
+private:
+    const char* name_;
+    std::optional<QByteArray> old_;
+};
+
+inline QVariantMap pickerEntitlements() {
+    using namespace platform::sandbox;
+    return {
+        {kAppSandboxEntitlement, true},
+        {kUserSelectedReadWriteEntitlement, true},
+        {kHomeRelativeReadWriteEntitlement,
+         QVariantList{QStringLiteral("/Library/Application Support/com.vantor.lumarod/")}},
+    };
+}
+
+class SandboxTest : public ::testing::Test {
+protected:
+    void SetUp() override { platform::sandbox::setEntitlementsForTesting(pickerEntitlements()); }
+    void TearDown() override {
+        platform::sandbox::resetEntitlementsForTesting();
+        platform::sandbox::clearUserSelectedPathsForTesting();
+    }
+
+    // The issued token, verified; nullopt when none was issued.
+    static std::optional<platform::sandbox::TokenCheck> issue(const char* cls,
+                                                              const std::string& path) {
+        char* token = sandbox_extension_issue_file(cls, path.c_str(), SANDBOX_EXTENSION_DEFAULT);
+        if (token == nullptr) {
+            return std::nullopt;
+        }
+        const std::string text(token);
+        std::free(token);
+        return platform::sandbox::verifyToken(text);
+    }
+    static std::string token(const char* cls, const std::string& path) {
+        char* raw = sandbox_extension_issue_file(cls, path.c_str(), SANDBOX_EXTENSION_DEFAULT);
+        const std::string text = raw != nullptr ? raw : "";
+        std::free(raw);
+        return text;
+    }
+    static std::string fs(const QString& path) { return QFile::encodeName(path).toStdString(); }
+
+    TempDir home_;
+    TempDir runtime_;
+    ScopedEnv homeEnv_{"HOME", QFile::encodeName(home_.path())};
+    ScopedEnv runtimeEnv_{"XDG_RUNTIME_DIR", QFile::encodeName(runtime_.path())};
+    const QString support_ = home_.file("Library/Application Support/com.vantor.lumarod");
+};
+
+}  // namespace lumaro::test

@@ -1,0 +1,83 @@
+#include <gtest/gtest.h>
+
+#include <QDir>
+#include <atomic>
+#include <thread>
+#include <vector>
+
+#include "platform/sandbox/token_key.h"
+#include "tests/platform/sandbox/SandboxFixture.h"
+
+using lumaro::test::SandboxTest;
+using lumaro::test::TempDir;
+
+// Threads racing to create the key stand in for processes doing so: the creation takes no lock
+// of this process, only the file system's exclusive create and link.
+TEST_F(SandboxTest, RacingCreatorsAllEndWithTheOneKeyOnDisk) {
+    QDir().mkpath(support_);
+    constexpr int kRounds = 20;
+    constexpr int kThreads = 4;
+    for (int round = 0; round < kRounds; ++round) {
+        QDir(runtime_.file("lumaro")).removeRecursively();
+        std::atomic<int> ready{0};
+        std::vector<QByteArray> keys(kThreads);
+        std::vector<std::string> tokens(kThreads);
+        std::vector<std::thread> threads;
+        for (int i = 0; i < kThreads; ++i) {
+            threads.emplace_back([&, i] {
+                ready.fetch_add(1);
+                while (ready.load() < kThreads) {
+                    std::this_thread::yield();
+                }
+                if (i % 2 == 0) {
+                    keys[i] = platform::sandbox::loadTokenKey(true);
+                } else {
+                    tokens[i] = token(APP_SANDBOX_READ_WRITE, fs(support_));
+                }
+            });
+        }
+        for (std::thread& thread : threads) {
+            thread.join();
+        }
+        const QByteArray onDisk = platform::sandbox::loadTokenKey(false);
+        ASSERT_EQ(onDisk.size(), platform::sandbox::kTokenKeySize);
+        for (int i = 0; i < kThreads; ++i) {
+            if (i % 2 == 0) {
+                EXPECT_EQ(keys[i], onDisk) << "round " << round;
+            } else {
+                EXPECT_TRUE(platform::sandbox::verifyToken(tokens[i]).valid) << "round " << round;
+            }
+        }
+        EXPECT_EQ(QDir(runtime_.file("lumaro"))
+                      .entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
+                  QStringList{QStringLiteral("sandbox-token.key")})
+            << "no scratch file is left behind";
+    }
+}
+
+TEST_F(SandboxTest, GrantsAndIssuesFromManyThreads) {
+    QDir().mkpath(support_);
+    TempDir picked;
+    std::vector<std::thread> threads;
+    std::atomic<int> issued{0};
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([&, i] {
+            for (int n = 0; n < 25; ++n) {
+                const QString mine = picked.file(QStringLiteral("t%1-%2").arg(i).arg(n));
+                platform::sandbox::grantUserSelectedPath(fs(mine));
+                if (issue(APP_SANDBOX_READ_WRITE, fs(mine)) &&
+                    issue(APP_SANDBOX_READ, fs(support_))) {
+                    issued.fetch_add(1);
+                }
+                if (n == 10 && i == 0) {
+                    platform::sandbox::setEntitlementsForTesting(
+                        lumaro::test::pickerEntitlements());
+                }
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(issued.load(), 100);
+}
