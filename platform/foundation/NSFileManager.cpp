@@ -81,8 +81,11 @@ void fail(NSErrorPtr* error, int errnum, Operation op, const QString& path) {
          {NSUnderlyingErrorKey, QVariant::fromValue(NSError::posixError(errnum))}});
 }
 
+// Dates are instants: made in UTC they need no time-zone lookup, which in local time costs a
+// check of the zone file on every call (most of a directory walk's time outside the kernel).
+// Compare them or convert them with toLocalTime() for display.
 QDateTime dateFrom(const struct statx_timestamp& ts) {
-    return QDateTime::fromMSecsSinceEpoch(ts.tv_sec * 1000 + ts.tv_nsec / 1000000);
+    return QDateTime::fromMSecsSinceEpoch(ts.tv_sec * 1000 + ts.tv_nsec / 1000000, Qt::UTC);
 }
 
 }  // namespace
