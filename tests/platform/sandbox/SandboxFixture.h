@@ -11,6 +11,7 @@
 #include <optional>
 #include <string>
 
+#include "platform/foundation/NSDate.h"
 #include "platform/sandbox/entitlements.h"
 #include "platform/sandbox/sandbox.h"
 #include "tests/support/TempDir.h"
@@ -56,24 +57,20 @@ protected:
     void TearDown() override {
         platform::sandbox::resetEntitlementsForTesting();
         platform::sandbox::clearUserSelectedPathsForTesting();
+        NSDate::setClockForTesting({});
     }
 
-    // The issued token, verified; nullopt when none was issued.
-    static std::optional<platform::sandbox::TokenCheck> issue(const char* cls,
-                                                              const std::string& path) {
-        char* token = sandbox_extension_issue_file(cls, path.c_str(), SANDBOX_EXTENSION_DEFAULT);
-        if (token == nullptr) {
-            return std::nullopt;
-        }
-        const std::string text(token);
-        std::free(token);
-        return platform::sandbox::verifyToken(text);
-    }
     static std::string token(const char* cls, const std::string& path) {
         char* raw = sandbox_extension_issue_file(cls, path.c_str(), SANDBOX_EXTENSION_DEFAULT);
         const std::string text = raw != nullptr ? raw : "";
         std::free(raw);
         return text;
+    }
+    // The issued token, verified; nullopt when none was issued.
+    static std::optional<platform::sandbox::TokenCheck> issue(const char* cls,
+                                                              const std::string& path) {
+        const std::string text = token(cls, path);
+        return text.empty() ? std::nullopt : std::optional(platform::sandbox::verifyToken(text));
     }
     static std::string fs(const QString& path) { return QFile::encodeName(path).toStdString(); }
 
