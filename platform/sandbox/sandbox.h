@@ -25,7 +25,8 @@ inline constexpr uint32_t SANDBOX_EXTENSION_DEFAULT = 0;
 // process's entitlements do not cover that path for that class. The caller releases it with free().
 // NULL also answers bad arguments (NULL, unknown class, unknown flags, empty, relative or overlong
 // path) and an unusable key; errno then tells why (EINVAL, ENAMETOOLONG, EPERM for "not covered",
-// ELOOP, ENOTDIR, EACCES, EIO). Nothing is logged for a refusal: the caller decides what to say.
+// ELOOP, ENOTDIR, EACCES, EIO). A refusal is not logged (the caller decides what to say); an
+// unusable key (EIO) gives one error line, as it is a fault of the machine, not of the request.
 char* sandbox_extension_issue_file(const char* extension_class, const char* path, uint32_t flags);
 
 namespace platform::sandbox {
