@@ -65,6 +65,14 @@ QString foldedForComparison(const QString& text) {
     return stripped.toCaseFolded();
 }
 
+// "self BEGINSWITH[cd] prefix". An empty prefix matches nothing.
+bool nameHasPrefixIgnoringCaseAndDiacritics(const QString& name, const QString& prefix) {
+    if (prefix.isEmpty()) {
+        return false;
+    }
+    return foldedForComparison(name).startsWith(foldedForComparison(prefix));
+}
+
 }  // namespace
 
 QString _srTempPath(NSFileManager& /*fm*/) {
@@ -198,7 +206,7 @@ void _srDeleteFilesWithPrefix(const std::shared_ptr<NSFileManager>& fm, const QS
         const QStringList names =
             NSFileManager::defaultManager()->contentsOfDirectoryAtPath(directory, &error);
         for (const QString& name : names) {
-            if (!_lmNameHasPrefixIgnoringCaseAndDiacritics(name, prefix)) {
+            if (!nameHasPrefixIgnoringCaseAndDiacritics(name, prefix)) {
                 continue;
             }
             // Reports the error of the step before, as the reference narrowed to 32 bits.
@@ -233,13 +241,6 @@ bool _srDeviceHasSufficientSpaceForCurrentRecording(NSFileManager& fm) {
     const auto size = static_cast<uint64_t>(_srSizeOfTempDir(fm, nullptr));
     const uint64_t freeSpace = _srDeviceFreeDiskSpace(fm);
     return kLMRecordingGrowthFactor * size + kLMRecordingReserve < freeSpace;
-}
-
-bool _lmNameHasPrefixIgnoringCaseAndDiacritics(const QString& name, const QString& prefix) {
-    if (prefix.isEmpty()) {
-        return false;
-    }
-    return foldedForComparison(name).startsWith(foldedForComparison(prefix));
 }
 
 }  // namespace LMExtensions

@@ -105,7 +105,4 @@ bool _srDeviceHasSufficientFreeSpaceForRecording(NSFileManager& fm);
 // 2 x the working directory's size + 20,000,000 strictly below the free space (unsigned).
 bool _srDeviceHasSufficientSpaceForCurrentRecording(NSFileManager& fm);
 
-// Whether `name` begins with `prefix`, ignoring case and diacritics (empty prefix: false).
-bool _lmNameHasPrefixIgnoringCaseAndDiacritics(const QString& name, const QString& prefix);
-
 }  // namespace LMExtensions

@@ -11,7 +11,8 @@ int main(int argc, char** argv) {
     if (argc > 1 && (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0)) {
         std::puts(
             "usage: HOME=<prepared home> filestore_age_walk_bench\n"
-            "Deletes everything in $HOME/Library/Application Support/com.vantor.lumarod through the\n"
+            "Deletes everything in $HOME/Library/Application Support/com.vantor.lumarod through "
+            "the\n"
             "store's age walk and prints: bytes-removed seconds");
         return 0;
     }
