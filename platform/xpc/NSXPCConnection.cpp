@@ -1,0 +1,597 @@
+#include "platform/xpc/NSXPCConnection.h"
+
+#include <QDBusServiceWatcher>
+#include <QMetaObject>
+#include <climits>
+#include <map>
+#include <optional>
+
+#include "platform/log/os_log.h"
+#include "platform/xpc/NSXPCConnection_p.h"
+
+using platform::xpc::CallReceiver;
+using platform::xpc::ConnectionThread;
+using platform::xpc::ExportedObjectAdaptor;
+using platform::xpc::ListenerAdaptor;
+
+namespace {
+
+// Replies may take as long as the peer likes (a recording stops when the user says so): no
+// timeout of our own; a peer that leaves the bus ends the call with an error.
+constexpr int kNoTimeout = INT_MAX;
+
+thread_local ConnectionThread* tCurrentThread = nullptr;
+std::atomic<int> gConnectionsCreated{0};
+std::atomic<int> gBusNameCounter{0};
+
+NSErrorPtr connectionError(int64_t code, const QString& why) {
+    QVariantMap info;
+    if (!why.isEmpty()) {
+        info.insert(NSLocalizedDescriptionKey, why);
+    }
+    return NSError::errorWithDomain(NSCocoaErrorDomain, code, info);
+}
+
+int64_t codeForBusError(QDBusError::ErrorType type) {
+    switch (type) {
+        case QDBusError::NoReply:
+        case QDBusError::Disconnected:
+        case QDBusError::Timeout:
+        case QDBusError::TimedOut:
+            return NSXPCConnectionInterrupted;
+        default:
+            return NSXPCConnectionInvalid;
+    }
+}
+
+bool isBusHousekeeping(const QDBusMessage& message) {
+    const QString iface = message.interface();
+    return iface == QLatin1String("org.freedesktop.DBus.Introspectable") ||
+           iface == QLatin1String("org.freedesktop.DBus.Peer") ||
+           iface == QLatin1String("org.freedesktop.DBus.Properties");
+}
+
+}  // namespace
+
+struct NSXPCConnection::Private {
+    enum class Kind { MachService, Peer, Accepted };
+    Kind kind = Kind::MachService;
+    QString serviceName;
+    QString peerAddress;
+    uint64_t options = 0;
+
+    mutable std::mutex mutex;
+    std::shared_ptr<NSXPCInvocationTarget> exportedObject;
+    std::shared_ptr<NSXPCInterface> exportedInterface;
+    std::shared_ptr<NSXPCInterface> remoteInterface;
+    std::weak_ptr<NSXPCConnectionDelegate> delegate;
+    std::optional<QDBusConnection> bus;
+    QString busName;
+    bool ownsBus = false;
+    bool resumed = false;
+    bool invalidated = false;
+
+    ConnectionThread* thread = nullptr;
+    ExportedObjectAdaptor* adaptor = nullptr;
+};
+
+namespace platform::xpc {
+
+ConnectionThread::ConnectionThread(NSXPCConnection* o, const QString& label) : owner(o) {
+    setObjectName(label);
+}
+
+void ConnectionThread::run() {
+    tCurrentThread = this;
+    exec();
+    tCurrentThread = nullptr;
+}
+
+CallReceiver::CallReceiver(std::weak_ptr<NSXPCConnection> connection,
+                           const NSXPCMethodDescription* method, NSXPCBlock reply,
+                           NSXPCErrorHandler errorHandler)
+    : connection_(std::move(connection)),
+      method_(method),
+      reply_(std::move(reply)),
+      errorHandler_(std::move(errorHandler)) {}
+
+bool CallReceiver::finish() {
+    if (done_) {
+        return false;
+    }
+    done_ = true;
+    deleteLater();
+    return true;
+}
+
+void CallReceiver::fail(int64_t code, const QString& why) {
+    if (finish() && errorHandler_) {
+        errorHandler_(connectionError(code, why));
+    }
+}
+
+void CallReceiver::onReply(const QDBusMessage& reply) {
+    if (!finish() || !method_->hasReply) {
+        return;  // a method without a reply block: its empty return only confirms delivery
+    }
+    auto params = fromWireList(reply.arguments(), method_->replyArguments);
+    if (!params) {
+        os_log_error(OS_LOG_DEFAULT, "NSXPCConnection: reply to %s does not match its block (%s)",
+                     std::string(method_->selector), reply.signature());
+        if (errorHandler_) {
+            errorHandler_(connectionError(NSXPCConnectionReplyInvalid,
+                                          QStringLiteral("reply does not match its block")));
+        }
+        return;
+    }
+    NSInvocation invocation(
+        QString::fromLatin1(method_->selector.data(), qsizetype(method_->selector.size())), *params,
+        std::make_shared<NSXPCBlockTarget>(std::move(reply_)));
+    if (auto connection = connection_.lock()) {
+        connection->deliver(invocation, true);
+    } else {
+        invocation.invoke();
+    }
+}
+
+void CallReceiver::onError(const QDBusError& error, const QDBusMessage&) {
+    if (finish() && errorHandler_) {
+        errorHandler_(connectionError(codeForBusError(error.type()), error.message()));
+    }
+}
+
+QString ExportedObjectAdaptor::introspect(const QString&) const {
+    auto connection = connection_.lock();
+    auto iface = connection ? connection->exportedInterface() : nullptr;
+    return iface ? iface->introspectionXml() : QString();
+}
+
+bool ExportedObjectAdaptor::handleMessage(const QDBusMessage& message, const QDBusConnection&) {
+    if (isBusHousekeeping(message)) {
+        return false;
+    }
+    auto connection = connection_.lock();
+    if (!connection) {
+        return false;
+    }
+    message.setDelayedReply(true);
+    connection->handleIncoming(message);  // this object lives on the connection's queue
+    return true;
+}
+
+QString ListenerAdaptor::introspect(const QString& path) const {
+    return interface && path == interface->objectPath() ? interface->introspectionXml() : QString();
+}
+
+bool ListenerAdaptor::handleMessage(const QDBusMessage& message, const QDBusConnection&) {
+    if (isBusHousekeeping(message)) {
+        return false;
+    }
+    message.setDelayedReply(true);
+    listener_->route(message);
+    return true;
+}
+
+}  // namespace platform::xpc
+
+// --- NSXPCConnection
+
+NSXPCConnection::NSXPCConnection() : d_(std::make_unique<Private>()) {
+    platform::xpc::registerMetaTypes();
+    gConnectionsCreated.fetch_add(1);
+}
+
+static void startQueue(NSXPCConnection* connection, NSXPCConnection::Private& d,
+                       const QString& label) {
+    d.thread = new ConnectionThread(connection, label);
+    d.thread->context = new QObject();
+    d.thread->context->moveToThread(d.thread);
+    d.thread->start();
+}
+
+std::shared_ptr<NSXPCConnection> NSXPCConnection::initWithMachServiceName(const QString& name,
+                                                                          uint64_t options) {
+    std::shared_ptr<NSXPCConnection> c(new NSXPCConnection());
+    c->d_->kind = Private::Kind::MachService;
+    c->d_->serviceName = name;
+    c->d_->options = options;
+    startQueue(c.get(), *c->d_, QStringLiteral("xpc.connection.%1").arg(name));
+    return c;
+}
+
+std::shared_ptr<NSXPCConnection> NSXPCConnection::initWithListenerEndpoint(
+    const NSXPCListenerEndpoint& endpoint) {
+    std::shared_ptr<NSXPCConnection> c(new NSXPCConnection());
+    c->d_->kind = Private::Kind::Peer;
+    c->d_->peerAddress = endpoint.address();
+    startQueue(c.get(), *c->d_, QStringLiteral("xpc.connection.peer"));
+    return c;
+}
+
+NSXPCConnection::~NSXPCConnection() {
+    invalidate();
+    ConnectionThread* thread = d_->thread;
+    thread->owner = nullptr;
+    thread->quit();
+    if (QThread::currentThread() != thread) {
+        thread->wait();
+        delete d_->adaptor;
+        delete thread->context;
+        delete thread;
+    }
+    // Destroyed on its own queue (the last reference went there): the thread finishes by itself
+    // and its few objects are left to the process.
+}
+
+const QString& NSXPCConnection::serviceName() const {
+    return d_->serviceName;
+}
+uint64_t NSXPCConnection::options() const {
+    return d_->options;
+}
+
+void NSXPCConnection::setExportedObject(std::shared_ptr<NSXPCInvocationTarget> object) {
+    std::lock_guard lock(d_->mutex);
+    d_->exportedObject = std::move(object);
+}
+std::shared_ptr<NSXPCInvocationTarget> NSXPCConnection::exportedObject() const {
+    std::lock_guard lock(d_->mutex);
+    return d_->exportedObject;
+}
+void NSXPCConnection::setExportedInterface(std::shared_ptr<NSXPCInterface> interface) {
+    std::lock_guard lock(d_->mutex);
+    d_->exportedInterface = std::move(interface);
+}
+std::shared_ptr<NSXPCInterface> NSXPCConnection::exportedInterface() const {
+    std::lock_guard lock(d_->mutex);
+    return d_->exportedInterface;
+}
+void NSXPCConnection::setRemoteObjectInterface(std::shared_ptr<NSXPCInterface> interface) {
+    std::lock_guard lock(d_->mutex);
+    d_->remoteInterface = std::move(interface);
+}
+std::shared_ptr<NSXPCInterface> NSXPCConnection::remoteObjectInterface() const {
+    std::lock_guard lock(d_->mutex);
+    return d_->remoteInterface;
+}
+void NSXPCConnection::setDelegate(std::weak_ptr<NSXPCConnectionDelegate> delegate) {
+    std::lock_guard lock(d_->mutex);
+    d_->delegate = std::move(delegate);
+}
+std::shared_ptr<NSXPCConnectionDelegate> NSXPCConnection::delegate() const {
+    std::lock_guard lock(d_->mutex);
+    return d_->delegate.lock();
+}
+
+void NSXPCConnection::resume() {
+    std::lock_guard lock(d_->mutex);
+    if (d_->resumed || d_->invalidated) {
+        return;
+    }
+    d_->resumed = true;
+    if (d_->kind != Private::Kind::Accepted) {
+        d_->busName = QStringLiteral("lumaro-xpc-%1").arg(gBusNameCounter.fetch_add(1));
+        d_->ownsBus = true;
+        if (d_->kind == Private::Kind::MachService) {
+            d_->bus = QDBusConnection::connectToBus(QDBusConnection::SessionBus, d_->busName);
+        } else {
+            d_->bus = QDBusConnection::connectToPeer(d_->peerAddress, d_->busName);
+        }
+        if (!d_->bus->isConnected()) {
+            os_log_error(OS_LOG_DEFAULT, "NSXPCConnection: cannot connect to %s: %s",
+                         d_->kind == Private::Kind::MachService ? d_->serviceName : d_->peerAddress,
+                         d_->bus->lastError().message());
+        }
+        if (d_->exportedInterface && d_->exportedObject && d_->bus->isConnected()) {
+            d_->adaptor = new ExportedObjectAdaptor(weak_from_this());
+            d_->adaptor->moveToThread(d_->thread);
+            d_->bus->registerVirtualObject(d_->exportedInterface->objectPath(), d_->adaptor);
+        }
+    }
+}
+
+void NSXPCConnection::invalidate() {
+    std::lock_guard lock(d_->mutex);
+    if (d_->invalidated) {
+        return;
+    }
+    d_->invalidated = true;
+    if (d_->bus && d_->ownsBus) {
+        if (d_->adaptor != nullptr && d_->exportedInterface) {
+            d_->bus->unregisterObject(d_->exportedInterface->objectPath());
+        }
+        if (d_->kind == Private::Kind::Peer) {
+            QDBusConnection::disconnectFromPeer(d_->busName);
+        } else {
+            QDBusConnection::disconnectFromBus(d_->busName);
+        }
+    }
+    d_->bus.reset();
+}
+
+std::shared_ptr<NSXPCRemoteObjectProxy> NSXPCConnection::remoteObjectProxy() {
+    return std::make_shared<NSXPCRemoteObjectProxy>(weak_from_this(), NSXPCErrorHandler());
+}
+
+std::shared_ptr<NSXPCRemoteObjectProxy> NSXPCConnection::remoteObjectProxyWithErrorHandler(
+    NSXPCErrorHandler handler) {
+    return std::make_shared<NSXPCRemoteObjectProxy>(weak_from_this(), std::move(handler));
+}
+
+NSXPCConnection* NSXPCConnection::currentConnection() {
+    return tCurrentThread != nullptr ? tCurrentThread->owner.load() : nullptr;
+}
+
+QString NSXPCConnection::queueLabel() const {
+    return d_->thread->objectName();
+}
+
+QString NSXPCConnection::uniqueBusName() const {
+    std::lock_guard lock(d_->mutex);
+    return d_->bus ? d_->bus->baseService() : QString();
+}
+
+int NSXPCConnection::connectionsCreated() {
+    return gConnectionsCreated.load();
+}
+
+void NSXPCConnection::dispatchOnQueue(std::function<void()> block) {
+    QMetaObject::invokeMethod(d_->thread->context, std::move(block), Qt::QueuedConnection);
+}
+
+void NSXPCConnection::fail(const NSXPCErrorHandler& handler, int64_t code, const QString& why) {
+    if (!handler) {
+        return;
+    }
+    dispatchOnQueue([handler, code, why] { handler(connectionError(code, why)); });
+}
+
+void NSXPCRemoteObjectProxy::send(std::string_view selector, const QVariantList& arguments,
+                                  NSXPCBlock reply) {
+    if (auto connection = connection_.lock()) {
+        connection->send(selector, arguments, std::move(reply), errorHandler_);
+    }
+    // A proxy that outlived its connection has nowhere to report to, like a dropped message.
+}
+
+void NSXPCConnection::send(std::string_view selector, const QVariantList& arguments,
+                           NSXPCBlock reply, const NSXPCErrorHandler& errorHandler) {
+    std::shared_ptr<NSXPCInterface> iface;
+    std::optional<QDBusConnection> bus;
+    {
+        std::lock_guard lock(d_->mutex);
+        iface = d_->remoteInterface;
+        bus = d_->bus;
+    }
+    const NSXPCMethodDescription* method = iface ? iface->methodForSelector(selector) : nullptr;
+    if (method == nullptr) {
+        os_log_error(OS_LOG_DEFAULT, "NSXPCConnection: %s is not a method of the remote interface",
+                     std::string(selector));
+        fail(errorHandler, NSXPCConnectionInvalid, QStringLiteral("unknown selector"));
+        return;
+    }
+    auto wire = platform::xpc::toWireList(arguments, method->arguments);
+    if (!wire) {
+        os_log_error(OS_LOG_DEFAULT, "NSXPCConnection: arguments of %s do not match the interface",
+                     std::string(selector));
+        fail(errorHandler, NSXPCConnectionInvalid, QStringLiteral("arguments cannot be sent"));
+        return;
+    }
+    if (!bus || !bus->isConnected()) {
+        fail(errorHandler, NSXPCConnectionInvalid, QStringLiteral("not connected"));
+        return;
+    }
+    QDBusMessage message =
+        QDBusMessage::createMethodCall(d_->serviceName, iface->objectPath(), iface->dbusInterface(),
+                                       platform::xpc::memberForSelector(selector));
+    message.setArguments(*wire);
+    auto* receiver = new CallReceiver(weak_from_this(), method, std::move(reply), errorHandler);
+    receiver->moveToThread(d_->thread);
+    if (!bus->callWithCallback(message, receiver, SLOT(onReply(QDBusMessage)),
+                               SLOT(onError(QDBusError, QDBusMessage)), kNoTimeout)) {
+        QMetaObject::invokeMethod(
+            receiver,
+            [receiver] {
+                receiver->fail(NSXPCConnectionInvalid, QStringLiteral("the bus refused the call"));
+            },
+            Qt::QueuedConnection);
+    }
+}
+
+void NSXPCConnection::deliver(NSInvocation& invocation, bool isReply) {
+    auto delegate = this->delegate();
+    if (delegate && delegate->respondsToHandleInvocation()) {
+        delegate->connection(this, invocation, isReply);
+    } else {
+        invocation.invoke();
+    }
+}
+
+void NSXPCConnection::handleIncoming(const QDBusMessage& message) {
+    std::shared_ptr<NSXPCInterface> iface;
+    std::shared_ptr<NSXPCInvocationTarget> object;
+    std::optional<QDBusConnection> bus;
+    {
+        std::lock_guard lock(d_->mutex);
+        iface = d_->exportedInterface;
+        object = d_->exportedObject;
+        bus = d_->bus;
+    }
+    if (!bus) {
+        return;
+    }
+    auto refuse = [&](QDBusError::ErrorType type, const QString& why) {
+        os_log_error(OS_LOG_DEFAULT, "NSXPCConnection: refused %s.%s from %s: %s",
+                     message.interface(), message.member(), message.service(), why);
+        bus->send(message.createErrorReply(type, why));
+    };
+    if (!iface || !object || message.path() != iface->objectPath()) {
+        refuse(QDBusError::UnknownObject, QStringLiteral("no object at %1").arg(message.path()));
+        return;
+    }
+    if (!message.interface().isEmpty() && message.interface() != iface->dbusInterface()) {
+        refuse(QDBusError::UnknownInterface, QStringLiteral("no such interface"));
+        return;
+    }
+    const NSXPCMethodDescription* method = iface->methodForMember(message.member());
+    if (method == nullptr) {
+        refuse(QDBusError::UnknownMethod, QStringLiteral("no such method"));
+        return;
+    }
+    auto args = platform::xpc::fromWireList(message.arguments(), method->arguments);
+    if (!args) {
+        refuse(QDBusError::InvalidArgs,
+               QStringLiteral("arguments (%1) do not match the method").arg(message.signature()));
+        return;
+    }
+    if (method->hasReply) {
+        auto once = std::make_shared<std::atomic<bool>>(false);
+        QDBusConnection replyBus = *bus;
+        NSXPCBlock block = [replyBus, message, method, once](const QVariantList& params) mutable {
+            if (once->exchange(true)) {
+                return;  // a reply block answers once
+            }
+            auto wire = platform::xpc::toWireList(params, method->replyArguments);
+            if (!wire) {
+                os_log_error(OS_LOG_DEFAULT, "NSXPCConnection: reply values of %s do not match",
+                             std::string(method->selector));
+                replyBus.send(message.createErrorReply(
+                    QDBusError::InvalidArgs, QStringLiteral("reply values do not match")));
+                return;
+            }
+            replyBus.send(message.createReply(*wire));
+        };
+        args->push_back(QVariant::fromValue(block));
+    } else if (message.isReplyRequired()) {
+        bus->send(message.createReply());
+    }
+    NSInvocation invocation(
+        QString::fromLatin1(method->selector.data(), qsizetype(method->selector.size())), *args,
+        object);
+    deliver(invocation, false);
+}
+
+// --- NSXPCListener
+
+struct NSXPCListener::Private {
+    QString name;
+    std::weak_ptr<NSXPCListenerDelegate> delegate;
+    std::optional<QDBusConnection> bus;
+    QString busName;
+    QThread thread;
+    ListenerAdaptor* adaptor = nullptr;
+    QDBusServiceWatcher* watcher = nullptr;
+    std::map<QString, std::shared_ptr<NSXPCConnection>> peers;  // touched on the listener's thread
+    std::mutex mutex;
+};
+
+NSXPCListener::NSXPCListener(QString machServiceName) : d_(std::make_unique<Private>()) {
+    platform::xpc::registerMetaTypes();
+    d_->name = std::move(machServiceName);
+    d_->adaptor = new ListenerAdaptor(this);
+    d_->thread.setObjectName(QStringLiteral("xpc.listener.%1").arg(d_->name));
+    d_->adaptor->moveToThread(&d_->thread);
+    d_->thread.start();
+}
+
+NSXPCListener::~NSXPCListener() {
+    invalidate();
+    d_->thread.quit();
+    d_->thread.wait();
+    d_->peers.clear();
+    delete d_->watcher;
+    delete d_->adaptor;
+}
+
+void NSXPCListener::setDelegate(std::weak_ptr<NSXPCListenerDelegate> delegate) {
+    std::lock_guard lock(d_->mutex);
+    d_->delegate = std::move(delegate);
+}
+
+void NSXPCListener::setExportedInterface(std::shared_ptr<NSXPCInterface> interface) {
+    d_->adaptor->interface = std::move(interface);
+}
+
+bool NSXPCListener::resume(QString* error) {
+    std::lock_guard lock(d_->mutex);
+    d_->busName = QStringLiteral("lumaro-xpc-listener-%1").arg(gBusNameCounter.fetch_add(1));
+    d_->bus = QDBusConnection::connectToBus(QDBusConnection::SessionBus, d_->busName);
+    if (!d_->bus->isConnected()) {
+        if (error) {
+            *error = QStringLiteral("cannot connect to the session bus: %1")
+                         .arg(d_->bus->lastError().message());
+        }
+        return false;
+    }
+    if (!d_->bus->registerVirtualObject(QStringLiteral("/"), d_->adaptor,
+                                        QDBusConnection::SubPath)) {
+        if (error) {
+            *error = QStringLiteral("cannot register the object tree");
+        }
+        return false;
+    }
+    if (!d_->bus->registerService(d_->name)) {
+        if (error) {
+            *error =
+                QStringLiteral("cannot own %1: %2").arg(d_->name, d_->bus->lastError().message());
+        }
+        return false;
+    }
+    d_->watcher = new QDBusServiceWatcher();
+    d_->watcher->setConnection(*d_->bus);
+    d_->watcher->setWatchMode(QDBusServiceWatcher::WatchForUnregistration);
+    d_->watcher->moveToThread(&d_->thread);
+    QObject::connect(d_->watcher, &QDBusServiceWatcher::serviceUnregistered, d_->adaptor,
+                     [this](const QString& peer) {
+                         d_->watcher->removeWatchedService(peer);
+                         d_->peers.erase(peer);
+                     });
+    return true;
+}
+
+void NSXPCListener::invalidate() {
+    std::lock_guard lock(d_->mutex);
+    if (d_->bus) {
+        d_->bus->unregisterService(d_->name);
+        d_->bus->unregisterObject(QStringLiteral("/"), QDBusConnection::UnregisterTree);
+        QDBusConnection::disconnectFromBus(d_->busName);
+        d_->bus.reset();
+    }
+}
+
+void NSXPCListener::route(const QDBusMessage& message) {
+    std::shared_ptr<NSXPCListenerDelegate> delegate;
+    std::optional<QDBusConnection> bus;
+    {
+        std::lock_guard lock(d_->mutex);
+        delegate = d_->delegate.lock();
+        bus = d_->bus;
+    }
+    if (!bus) {
+        return;
+    }
+    const QString peer = message.service();
+    auto found = d_->peers.find(peer);
+    std::shared_ptr<NSXPCConnection> connection;
+    if (found != d_->peers.end()) {
+        connection = found->second;
+    } else {
+        connection.reset(new NSXPCConnection());
+        connection->d_->kind = NSXPCConnection::Private::Kind::Accepted;
+        connection->d_->serviceName = peer;
+        connection->d_->bus = bus;
+        startQueue(connection.get(), *connection->d_,
+                   QStringLiteral("xpc.connection.%1").arg(peer));
+        if (!delegate || !delegate->listener(this, connection)) {
+            bus->send(message.createErrorReply(QDBusError::AccessDenied,
+                                               QStringLiteral("connection refused")));
+            return;
+        }
+        connection->resume();
+        d_->peers.emplace(peer, connection);
+        if (d_->watcher != nullptr) {
+            d_->watcher->addWatchedService(peer);
+        }
+    }
+    connection->dispatchOnQueue([connection, message] { connection->handleIncoming(message); });
+}

@@ -1,0 +1,241 @@
+// LMDaemonProxy against the reference daemon on a private bus: every request arrives with its
+// selector and arguments, tokens are valid, replies reach the blocks once, and the invocation hook
+// sees replies and callbacks.
+#include <gtest/gtest.h>
+
+#include <QJsonDocument>
+#include <QRegularExpression>
+
+#include "logging/LMLog.h"
+#include "platform/dispatch/dispatch.h"
+#include "tests/daemon/DaemonEnvironment.h"
+#include "tests/daemon/RequestCases.h"
+
+using lumaro::test::DaemonEnvironment;
+using lumaro::test::RequestOutcome;
+using platform::dispatch::runMainLoopUntil;
+using platform::log::LogCapture;
+
+namespace {
+
+const QStringList kDaemonArguments = {
+    QStringLiteral("--fail"),     QStringLiteral("stopInAppCaptureWithHandler:=42"),
+    QStringLiteral("--callback"), QStringLiteral("recordingDidPause"),
+    QStringLiteral("--callback"), QStringLiteral("appAudioCaptureStopWithHandler:")};
+DaemonEnvironment gEnvironment(&kDaemonArguments);
+
+size_t countMatching(const LogCapture& capture, const QString& pattern) {
+    const QRegularExpression re(QStringLiteral("^") + pattern + QStringLiteral("$"));
+    size_t n = 0;
+    for (const auto& text : capture.texts()) {
+        n += re.match(QString::fromStdString(text)).hasMatch() ? 1 : 0;
+    }
+    return n;
+}
+
+QString folderOf(const QUrl& url) {
+    return url.path().left(url.path().lastIndexOf(QLatin1Char('/')));
+}
+
+class LevelGuard {
+public:
+    explicit LevelGuard(uint32_t level) : saved_(__LMLogLevel.load()) { LMLogSetLogLevel(level); }
+    ~LevelGuard() { LMLogSetLogLevel(saved_); }
+
+private:
+    uint32_t saved_;
+};
+
+TEST(DaemonProxyTest, SetUpHandsTheDaemonAValidBundleReadToken) {
+    auto proxy = LMDaemonProxy::daemonProxy();
+    ASSERT_TRUE(proxy);
+    EXPECT_EQ(proxy->connection()->serviceName(), QStringLiteral("com.vantor.lumarod"));
+    EXPECT_EQ(proxy->connection()->options(), 256u);
+    const QJsonObject line = gEnvironment.waitForRecord(
+        QStringLiteral("consumeSandboxExtension:processNewConnection:"), 1);
+    ASSERT_FALSE(line.isEmpty());
+    EXPECT_TRUE(line.value(QStringLiteral("tokenValid")).toBool());
+    EXPECT_EQ(line.value(QStringLiteral("tokenClass")).toString(),
+              QStringLiteral("com.vantor.app-sandbox.read"));
+    EXPECT_EQ(line.value(QStringLiteral("args")).toArray().at(1).toInt(), 1);
+    EXPECT_EQ(line.value(QStringLiteral("sender")).toString(),
+              proxy->connection()->uniqueBusName());
+}
+
+TEST(DaemonProxyTest, EveryRequestReachesTheDaemonWithItsArguments) {
+    auto proxy = LMDaemonProxy::daemonProxy();
+    for (const auto& c : lumaro::test::requestCases()) {
+        SCOPED_TRACE(c.row);
+        const bool carriesFile = c.row == 5 || c.row == 22 || c.row == 30;
+        QString received = c.selector;
+        if (carriesFile) {
+            received = c.row == 5
+                           ? QStringLiteral("stopInAppRecordingWithUrl:extensionToken:handler:")
+                       : c.row == 22 ? QStringLiteral("saveVideo:extensionToken:handler:")
+                                     : QStringLiteral(
+                                           "exportClipToURL:duration:extensionToken:"
+                                           "completionHandler:");
+        }
+        const int before = gEnvironment.recordCount(received);
+        auto outcome = std::make_shared<RequestOutcome>();
+        c.call(*proxy, outcome);
+        const QJsonObject line = gEnvironment.waitForRecord(received, before + 1);
+        ASSERT_FALSE(line.isEmpty()) << received.toStdString();
+        QJsonArray args = line.value(QStringLiteral("args")).toArray();
+        if (carriesFile) {
+            EXPECT_TRUE(line.value(QStringLiteral("tokenValid")).toBool());
+            EXPECT_EQ(line.value(QStringLiteral("tokenPath")).toString(),
+                      folderOf(lumaro::test::grantedFileURL()));
+            EXPECT_EQ(line.value(QStringLiteral("tokenClass")).toString(),
+                      QStringLiteral("com.vantor.app-sandbox.read-write"));
+            args.removeAt(c.row == 30 ? 2 : 1);
+        }
+        if (c.row == 18) {
+            EXPECT_FALSE(line.value(QStringLiteral("tokenValid")).toBool(true));
+        }
+        EXPECT_EQ(QJsonDocument(args).toJson(QJsonDocument::Compact),
+                  QJsonDocument(c.expectedArgs).toJson(QJsonDocument::Compact));
+        if (c.hasBlock) {
+            ASSERT_TRUE(runMainLoopUntil([&] { return outcome->blockCalls.load() > 0; }, 10000));
+            EXPECT_EQ(outcome->errorsInBlock.load(), c.row == 10 ? 1 : 0);
+            if (c.row == 10) {
+                EXPECT_EQ(outcome->lastErrorCode.load(), 42);
+            }
+        }
+    }
+    EXPECT_TRUE(proxy->broadcastURL().isEmpty());
+}
+
+TEST(DaemonProxyTest, FileRequestWithoutTokenStillReachesTheDaemonPlain) {
+    auto proxy = LMDaemonProxy::daemonProxy();
+    const QUrl denied = lumaro::test::deniedFileURL();
+    struct Case {
+        QString selector;
+        std::function<void()> call;
+    };
+    const std::vector<Case> cases = {
+        {QStringLiteral("stopInAppRecordingWithUrl:handler:"),
+         [&] {
+             proxy->stopInAppRecordingWithUrl(denied, [](NSErrorPtr) {});
+         }},
+        {QStringLiteral("saveVideo:handler:"),
+         [&] {
+             proxy->saveVideo(denied, [](NSErrorPtr) {});
+         }},
+        {QStringLiteral("exportClipToURL:duration:completionHandler:"),
+         [&] {
+             proxy->exportClipToURL(denied, 1.0, [](NSErrorPtr) {});
+         }},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.selector.toStdString());
+        LogCapture capture;
+        const int before = gEnvironment.recordCount(c.selector);
+        c.call();
+        const QJsonObject line = gEnvironment.waitForRecord(c.selector, before + 1);
+        ASSERT_FALSE(line.isEmpty());
+        EXPECT_FALSE(line.contains(QStringLiteral("tokenValid")));
+        EXPECT_EQ(line.value(QStringLiteral("args")).toArray().at(0).toString(), denied.toString());
+        const QString method =
+            QRegularExpression::escape(QStringLiteral("-[LMDaemonProxy %1]").arg(c.selector));
+        EXPECT_EQ(countMatching(capture, QStringLiteral(" \\[ERROR\\] ") + method +
+                                             QStringLiteral(":\\d+ error issuing sandbox extension "
+                                                            "for client file ") +
+                                             QRegularExpression::escape(denied.toString())),
+                  1u);
+        EXPECT_EQ(countMatching(capture,
+                                QStringLiteral(" \\[ERROR\\] -\\[LMDaemonProxy "
+                                               "issueSandboxExtensionForClientFileWrite:\\]:\\d+ "
+                                               "Error issuing sandbox extension for client folder "
+                                               "path /usr/lib/lumaro-denied")),
+                  1u);
+    }
+}
+
+TEST(DaemonProxyTest, HookSeesRepliesAndCallbacksFromTheDaemonAtLevelZeroOnly) {
+    auto proxy = LMDaemonProxy::daemonProxy();
+    for (uint32_t level : {0u, 1u}) {
+        SCOPED_TRACE(level);
+        LevelGuard guard(level);
+        LogCapture capture;
+        const int callbacksBefore = [] {
+            int n = 0;
+            for (const auto& l : lumaro::test::readJsonLines(gEnvironment.recordPath())) {
+                n += l.value(QStringLiteral("callback")).toString() ==
+                             QStringLiteral("appAudioCaptureStopWithHandler:")
+                         ? 1
+                         : 0;
+            }
+            return n;
+        }();
+        std::atomic<int> calls{0};
+        proxy->stopClipBufferingWithCompletionHandler([&](NSErrorPtr) { calls++; });
+        ASSERT_TRUE(runMainLoopUntil([&] { return calls.load() == 1; }, 10000));
+        // The daemon calls both callbacks after the request; wait until the client took them.
+        const QString didNot = QStringLiteral(
+            " \\[DEBUG\\] -\\[LMDaemonProxy connection:handleInvocation:isReply:\\]:\\d+ did not "
+            "receive reply for invocation");
+        const QString did = QStringLiteral(
+            " \\[DEBUG\\] -\\[LMDaemonProxy connection:handleInvocation:isReply:\\]:\\d+ received "
+            "reply for invocation");
+        if (level == 0) {
+            EXPECT_TRUE(
+                runMainLoopUntil([&] { return countMatching(capture, didNot) >= 2; }, 10000));
+            EXPECT_GE(countMatching(capture, did), 1u);
+        } else {
+            // A later request's reply arrives after the callbacks of this one: then all are in.
+            std::atomic<int> more{0};
+            proxy->stopClipBufferingWithCompletionHandler([&](NSErrorPtr) { more++; });
+            ASSERT_TRUE(runMainLoopUntil([&] { return more.load() == 1; }, 10000));
+            EXPECT_EQ(countMatching(capture, didNot), 0u);
+            EXPECT_EQ(countMatching(capture, did), 0u);
+        }
+        int callbacksAfter = 0;
+        int callbackReplies = 0;
+        for (const auto& l : lumaro::test::readJsonLines(gEnvironment.recordPath())) {
+            callbacksAfter += l.value(QStringLiteral("callback")).toString() ==
+                                      QStringLiteral("appAudioCaptureStopWithHandler:")
+                                  ? 1
+                                  : 0;
+            callbackReplies += l.contains(QStringLiteral("callbackReply")) ? 1 : 0;
+        }
+        EXPECT_GT(callbacksAfter, callbacksBefore);
+        EXPECT_EQ(callbackReplies, 0);  // the client never calls the daemon's blocks
+    }
+}
+
+class RecordingTarget final : public NSXPCInvocationTarget {
+public:
+    void performSelector(const QString& selector, const QVariantList& arguments) override {
+        calls++;
+        lastSelector = selector;
+    }
+    int calls = 0;
+    QString lastSelector;
+};
+
+TEST(DaemonProxyTest, HookRetainsOnlyRepliesInvokesOnceAndDropsTheTarget) {
+    auto proxy = LMDaemonProxy::daemonProxy();
+    for (uint32_t level : {0u, 1u, 2u, 3u}) {
+        for (bool isReply : {true, false}) {
+            SCOPED_TRACE(testing::Message() << "level " << level << " reply " << isReply);
+            LevelGuard guard(level);
+            LogCapture capture;
+            auto target = std::make_shared<RecordingTarget>();
+            NSInvocation invocation(QStringLiteral("stopClipBufferingWithCompletionHandler:"),
+                                    {QVariant()}, target);
+            proxy->connection(proxy->connection().get(), invocation, isReply);
+            EXPECT_EQ(target->calls, 1);
+            EXPECT_EQ(invocation.argumentsRetained(), isReply);
+            EXPECT_EQ(invocation.target(), NSNull::null());
+            invocation.invoke();  // a second delivery reaches nobody
+            EXPECT_EQ(target->calls, 1);
+            EXPECT_EQ(capture.records().size(), level == 0 ? 1u : 0u);
+            if (level == 0) {
+                EXPECT_EQ(capture.records()[0].type, OS_LOG_TYPE_DEFAULT);
+            }
+        }
+    }
+}
+
+}  // namespace

@@ -1,0 +1,151 @@
+#include "tests/platform/xpc/TestBus.h"
+
+#include <signal.h>
+#include <sys/wait.h>
+
+#include <QDBusConnection>
+#include <QDBusConnectionInterface>
+#include <QDeadlineTimer>
+#include <QDir>
+#include <QFile>
+#include <QJsonDocument>
+#include <QProcessEnvironment>
+#include <QThread>
+#include <QUuid>
+#include <atomic>
+#include <cstdlib>
+
+namespace lumaro::test {
+
+PrivateBus::PrivateBus(const QString& serviceDir) {
+    configPath_ = QDir::temp().filePath(
+        QStringLiteral("lumaro-test-bus-%1.conf").arg(QUuid::createUuid().toString(QUuid::Id128)));
+    QFile config(configPath_);
+    if (!config.open(QIODevice::WriteOnly)) {
+        return;
+    }
+    QByteArray xml =
+        "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
+        " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
+        "<busconfig><type>session</type><listen>unix:tmpdir=/tmp</listen>"
+        "<auth>EXTERNAL</auth>";
+    if (!serviceDir.isEmpty()) {
+        xml += "<servicedir>" + serviceDir.toUtf8() + "</servicedir>";
+    }
+    xml +=
+        "<policy context=\"default\"><allow send_destination=\"*\" eavesdrop=\"true\"/>"
+        "<allow eavesdrop=\"true\"/><allow own=\"*\"/></policy></busconfig>\n";
+    config.write(xml);
+    config.close();
+
+    QProcess process;
+    process.start(QStringLiteral("dbus-daemon"),
+                  {QStringLiteral("--config-file=") + configPath_, QStringLiteral("--fork"),
+                   QStringLiteral("--print-address=1"), QStringLiteral("--print-pid=1")});
+    if (!process.waitForFinished(10000) || process.exitCode() != 0) {
+        return;
+    }
+    const QList<QByteArray> lines = process.readAllStandardOutput().trimmed().split('\n');
+    if (lines.size() < 2) {
+        return;
+    }
+    address_ = QString::fromUtf8(lines[0].trimmed());
+    pid_ = static_cast<pid_t>(lines[1].trimmed().toLongLong());
+}
+
+PrivateBus::~PrivateBus() {
+    stop();
+    QFile::remove(configPath_);
+}
+
+void PrivateBus::stop() {
+    if (pid_ > 0) {
+        ::kill(pid_, SIGTERM);
+        pid_ = -1;
+    }
+}
+
+void PrivateBus::exportToEnvironment() const {
+    qputenv("DBUS_SESSION_BUS_ADDRESS", address_.toUtf8());
+}
+
+bool PrivateBus::waitForName(const QString& name, bool owned, int timeoutMs) const {
+    static std::atomic<int> counter{0};
+    const QString connectionName = QStringLiteral("lumaro-test-probe-%1").arg(counter++);
+    bool result = false;
+    {
+        QDBusConnection bus = QDBusConnection::connectToBus(address_, connectionName);
+        QDeadlineTimer deadline(timeoutMs);
+        while (bus.isConnected()) {
+            const bool has = bus.interface()->isServiceRegistered(name).value();
+            if (has == owned) {
+                result = true;
+                break;
+            }
+            if (deadline.hasExpired()) {
+                break;
+            }
+            QThread::msleep(10);
+        }
+    }
+    QDBusConnection::disconnectFromBus(connectionName);
+    return result;
+}
+
+ChildProcess::ChildProcess(QString program, QStringList arguments)
+    : program_(std::move(program)), arguments_(std::move(arguments)) {}
+
+ChildProcess::~ChildProcess() {
+    kill();
+}
+
+bool ChildProcess::start() {
+    process_ = std::make_unique<QProcess>();
+    process_->setProcessEnvironment(QProcessEnvironment::systemEnvironment());
+    process_->setProcessChannelMode(QProcess::ForwardedOutputChannel);
+    process_->start(program_, arguments_);
+    return process_->waitForStarted(10000);
+}
+
+void ChildProcess::kill() {
+    if (process_ && process_->state() != QProcess::NotRunning) {
+        process_->kill();
+        process_->waitForFinished(10000);
+    }
+}
+
+bool ChildProcess::isRunning() const {
+    return process_ && process_->state() == QProcess::Running;
+}
+
+qint64 ChildProcess::pid() const {
+    return process_ ? process_->processId() : -1;
+}
+
+QByteArray ChildProcess::readStandardError() {
+    return process_ ? process_->readAllStandardError() : QByteArray();
+}
+
+QString buildPath(const QString& relative) {
+    return QString::fromLocal8Bit(qgetenv("LUMARO_BUILD_DIR")) + QLatin1Char('/') + relative;
+}
+
+QString sourcePath(const QString& relative) {
+    return QString::fromLocal8Bit(qgetenv("LUMARO_SOURCE_DIR")) + QLatin1Char('/') + relative;
+}
+
+QList<QJsonObject> readJsonLines(const QString& path) {
+    QList<QJsonObject> objects;
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly)) {
+        return objects;
+    }
+    for (const QByteArray& line : file.readAll().split('\n')) {
+        if (!line.trimmed().isEmpty()) {
+            objects.push_back(QJsonDocument::fromJson(line).object());
+        }
+    }
+    return objects;
+}
+
+}  // namespace lumaro::test
