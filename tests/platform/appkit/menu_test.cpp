@@ -1,0 +1,322 @@
+#include <gtest/gtest.h>
+
+#include <QFile>
+#include <QGuiApplication>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QMenu>
+#include <QScreen>
+#include <thread>
+
+#include "platform/appkit/NSImage.h"
+#include "platform/appkit/NSMenu.h"
+#include "platform/appkit/NSMenuPresenter.h"
+#include "platform/appkit/NSView.h"
+#include "platform/dispatch/dispatch.h"
+#include "platform/log/os_log.h"
+#include "tests/support/TempDir.h"
+
+using platform::appkit::AutomationMenuPresenter;
+using platform::appkit::MenuRecord;
+using platform::appkit::NSMenuPresenter;
+using platform::appkit::QtMenuPresenter;
+
+namespace {
+
+std::shared_ptr<NSImage> squareImage(QColor color) {
+    QImage image(64, 64, QImage::Format_ARGB32);
+    image.fill(color);
+    auto result = std::make_shared<NSImage>(image);
+    result->setSize(NSMakeSize(16, 16));
+    return result;
+}
+
+// What the activity menu looks like: a disabled title line, then one entry per service, each
+// with an action, an icon and an identifier; automatic enabling off.
+struct ActivityMenu {
+    std::shared_ptr<NSMenu> menu = NSMenu::initWithTitle(QStringLiteral("Screen Broadcast"));
+    std::vector<std::string> performed;  // identifiers, in order
+    std::vector<std::string> queues;     // the queue each action ran on
+
+    explicit ActivityMenu(int services = 3) {
+        std::vector<NSMenuItemPtr> items;
+        auto title = NSMenuItem::initWithTitle(QStringLiteral("Broadcast Notes to"), {}, QString());
+        title->setEnabled(false);
+        items.push_back(title);
+        const QColor colors[] = {Qt::red, Qt::green, Qt::blue, Qt::yellow};
+        for (int i = 0; i < services; ++i) {
+            auto item = NSMenuItem::initWithTitle(
+                QStringLiteral("Service %1").arg(i + 1),
+                [this](const NSMenuItemPtr& sender) {
+                    performed.push_back(sender->identifier().toStdString());
+                    queues.emplace_back(dispatch_queue_get_label(DISPATCH_CURRENT_QUEUE_LABEL));
+                },
+                QString());
+            item->setIdentifier(QStringLiteral("com.example.service%1.setup").arg(i + 1));
+            item->setImage(squareImage(colors[i % 4]));
+            items.push_back(item);
+        }
+        menu->setItemArray(items);
+        menu->setAutoenablesItems(false);
+    }
+};
+
+class MenuTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        automation = std::make_shared<AutomationMenuPresenter>();
+        NSMenuPresenter::setCurrent(automation);
+        NSMenuPresenter::setRecordHook([this](const MenuRecord& r) { hooked.push_back(r); });
+        qputenv("LUMARO_MENU_RECORD", recordFile().toLocal8Bit());
+    }
+    void TearDown() override {
+        NSMenuPresenter::setRecordHook({});
+        NSMenuPresenter::setCurrent(nullptr);
+        qunsetenv("LUMARO_MENU_RECORD");
+        NSMenu::setMenuBarVisible(false);
+    }
+    QString recordFile() const { return dir.file(QStringLiteral("menus.jsonl")); }
+    std::vector<QJsonObject> recordLines() const {
+        QFile f(recordFile());
+        std::vector<QJsonObject> lines;
+        if (f.open(QIODevice::ReadOnly)) {
+            for (const QByteArray& line : f.readAll().split('\n')) {
+                if (!line.isEmpty()) {
+                    lines.push_back(QJsonDocument::fromJson(line).object());
+                }
+            }
+        }
+        return lines;
+    }
+    static bool runUntil(const std::function<bool()>& done) {
+        return platform::dispatch::runMainLoopUntil(done, 10000);
+    }
+
+    lumaro::test::TempDir dir;
+    std::shared_ptr<AutomationMenuPresenter> automation;
+    std::vector<MenuRecord> hooked;
+};
+
+TEST_F(MenuTest, AutomationRecordsTheMenuAsShown) {
+    ActivityMenu activity;
+    NSMenu::setMenuBarVisible(true);
+    // The anchor travels as single precision, then widens.
+    const NSPoint anchor{static_cast<float>(120.7), static_cast<float>(45.2)};
+    EXPECT_FALSE(activity.menu->popUpMenuPositioningItem(nullptr, anchor, nullptr));
+
+    ASSERT_EQ(hooked.size(), 1u);
+    const MenuRecord& r = hooked.front();
+    EXPECT_EQ(r.backend, QStringLiteral("automation"));
+    EXPECT_EQ(r.title, QStringLiteral("Screen Broadcast"));
+    EXPECT_EQ(r.location.x, static_cast<double>(120.7f));
+    EXPECT_EQ(r.location.y, static_cast<double>(45.2f));
+    EXPECT_FALSE(r.inView);
+    EXPECT_TRUE(r.menuBarVisible);
+    ASSERT_EQ(r.entries.size(), 4u);
+    EXPECT_EQ(r.entries[0].title, QStringLiteral("Broadcast Notes to"));
+    EXPECT_FALSE(r.entries[0].enabled);
+    EXPECT_FALSE(r.entries[0].hasImage);
+    for (int i = 1; i < 4; ++i) {
+        EXPECT_TRUE(r.entries[i].enabled);
+        EXPECT_TRUE(r.entries[i].hasImage);
+        EXPECT_EQ(r.entries[i].imageSize, NSMakeSize(16, 16));
+    }
+    EXPECT_EQ(r.entries[2].identifier, QStringLiteral("com.example.service2.setup"));
+    EXPECT_EQ(r.chosen, -1);
+    EXPECT_EQ(automation->records().size(), 1u);
+
+    // The same record, one JSON line per menu, in the file the environment names.
+    activity.menu->popUpMenuPositioningItem(nullptr, NSMakePoint(1, 2), nullptr);
+    const auto lines = recordLines();
+    ASSERT_EQ(lines.size(), 2u);
+    const QJsonObject& first = lines.front();
+    EXPECT_EQ(first.value("menu").toString(), QStringLiteral("Screen Broadcast"));
+    EXPECT_EQ(first.value("location").toObject().value("x").toDouble(),
+              static_cast<double>(120.7f));
+    EXPECT_EQ(first.value("items").toArray().size(), 4);
+    EXPECT_FALSE(first.value("items").toArray()[0].toObject().value("enabled").toBool());
+    EXPECT_TRUE(first.value("items").toArray()[1].toObject().value("image").toBool());
+    EXPECT_TRUE(first.value("chosen").isNull());
+    EXPECT_EQ(first.value("choice").toString(), QStringLiteral("none"));
+    EXPECT_TRUE(activity.performed.empty());
+}
+
+TEST_F(MenuTest, AutomationChoosesByIdentifierIndexOrTitleOnTheMainQueue) {
+    ActivityMenu activity;
+    const std::string mainLabel = dispatch_queue_get_label(dispatch_get_main_queue());
+
+    automation->setChoice(QStringLiteral("com.example.service2.setup"));
+    EXPECT_TRUE(activity.menu->popUpMenuPositioningItem(nullptr, NSZeroPoint, nullptr));
+    EXPECT_TRUE(activity.performed.empty());  // not before a later turn of the main queue
+    ASSERT_TRUE(runUntil([&] { return activity.performed.size() == 1; }));
+    EXPECT_EQ(activity.performed.back(), "com.example.service2.setup");
+    EXPECT_EQ(activity.queues.back(), mainLabel);
+    EXPECT_EQ(hooked.back().chosen, 2);
+
+    automation->setChoice(QStringLiteral("#3"));
+    EXPECT_TRUE(activity.menu->popUpMenuPositioningItem(nullptr, NSZeroPoint, nullptr));
+    ASSERT_TRUE(runUntil([&] { return activity.performed.size() == 2; }));
+    EXPECT_EQ(activity.performed.back(), "com.example.service3.setup");
+
+    automation->setChoice(QStringLiteral("Service 1"));  // no such identifier: the title
+    EXPECT_TRUE(activity.menu->popUpMenuPositioningItem(nullptr, NSZeroPoint, nullptr));
+    ASSERT_TRUE(runUntil([&] { return activity.performed.size() == 3; }));
+    EXPECT_EQ(activity.performed.back(), "com.example.service1.setup");
+    EXPECT_EQ(recordLines().back().value("chosen").toInt(), 1);
+}
+
+TEST_F(MenuTest, AutomationChoosesNothingItCannot) {
+    ActivityMenu activity;
+    platform::log::LogCapture capture;
+    for (const char* choice :
+         {"none", "", "#0", "#4", "#-1", "#x", "Broadcast Notes to", "com.example.missing"}) {
+        automation->setChoice(QString::fromLatin1(choice));
+        EXPECT_FALSE(activity.menu->popUpMenuPositioningItem(nullptr, NSZeroPoint, nullptr))
+            << choice;
+        EXPECT_EQ(hooked.back().chosen, -1) << choice;
+    }
+    // Two quiet dismissals, six refusals with a reason each.
+    EXPECT_EQ(capture.records().size(), 6u);
+    EXPECT_EQ(capture.texts()[0], "menu \"Screen Broadcast\": entry 0 is disabled; nothing chosen");
+
+    // An empty menu, and a menu that is not even held by a shared pointer, are still recorded.
+    NSMenu empty(QStringLiteral("Nothing"));
+    automation->setChoice(QStringLiteral("#0"));
+    EXPECT_FALSE(empty.popUpMenuPositioningItem(nullptr, NSZeroPoint, nullptr));
+    EXPECT_TRUE(hooked.back().entries.empty());
+    // Nothing arrives late either: a block queued now runs after anything queued before it.
+    bool drained = false;
+    dispatch_async(dispatch_get_main_queue(), [&] { drained = true; });
+    ASSERT_TRUE(runUntil([&] { return drained; }));
+    EXPECT_TRUE(activity.performed.empty());
+}
+
+TEST_F(MenuTest, AutomaticEnablingAndItemOwnership) {
+    auto menu = NSMenu::initWithTitle(QStringLiteral("M"));
+    EXPECT_TRUE(menu->autoenablesItems());
+    int sent = 0;
+    auto withAction = NSMenuItem::initWithTitle(
+        QStringLiteral("a"), [&](const NSMenuItemPtr&) { ++sent; }, QString());
+    withAction->setEnabled(false);
+    auto withoutAction = NSMenuItem::initWithTitle(QStringLiteral("b"), {}, QString());
+    auto targeted = NSMenuItem::initWithTitle(
+        QStringLiteral("c"), [&](const NSMenuItemPtr&) { ++sent; }, QString());
+    auto target = std::make_shared<int>(1);
+    targeted->setTarget(target);
+    menu->setItemArray({withAction, withoutAction, targeted, NSMenuItem::separatorItem()});
+
+    EXPECT_TRUE(menu->isItemShownEnabled(*withAction));
+    EXPECT_FALSE(menu->isItemShownEnabled(*withoutAction));
+    EXPECT_TRUE(menu->isItemShownEnabled(*targeted));
+    EXPECT_FALSE(menu->isItemShownEnabled(*menu->itemAtIndex(3)));
+    target.reset();  // the target is held weakly
+    EXPECT_FALSE(menu->isItemShownEnabled(*targeted));
+    EXPECT_FALSE(targeted->sendAction());
+    EXPECT_TRUE(menu->performActionForItemAtIndex(0));
+    EXPECT_EQ(sent, 1);
+
+    menu->setAutoenablesItems(false);
+    EXPECT_FALSE(menu->isItemShownEnabled(*withAction));
+    EXPECT_TRUE(menu->isItemShownEnabled(*withoutAction));
+    EXPECT_FALSE(menu->performActionForItemAtIndex(0));
+    EXPECT_FALSE(menu->performActionForItemAtIndex(99));
+
+    // An item is in one menu at most: putting it in another moves it.
+    auto other = NSMenu::initWithTitle(QStringLiteral("Other"));
+    other->addItem(withAction);
+    EXPECT_EQ(withAction->menu(), other);
+    EXPECT_EQ(menu->indexOfItem(withAction), -1);
+    EXPECT_EQ(menu->numberOfItems(), 3);
+    menu->setItemArray(menu->itemArray());  // its own array: unchanged
+    EXPECT_EQ(menu->numberOfItems(), 3);
+
+    platform::log::LogCapture capture;
+    menu->insertItem(NSMenuItem::initWithTitle(QStringLiteral("x"), {}, QString()), 7);
+    menu->insertItem(withoutAction, 0);
+    menu->addItem(nullptr);
+    EXPECT_EQ(menu->numberOfItems(), 3);
+    EXPECT_EQ(capture.records().size(), 3u);
+    EXPECT_EQ(menu->itemWithTitle(QStringLiteral("c")), targeted);
+}
+
+TEST_F(MenuTest, EnvironmentSelectsTheBackend) {
+    auto nameFor = [](const char* backend) {
+        if (backend != nullptr) {
+            qputenv("LUMARO_MENU_BACKEND", backend);
+        } else {
+            qunsetenv("LUMARO_MENU_BACKEND");
+        }
+        return NSMenuPresenter::fromEnvironment()->name().toStdString();
+    };
+    qputenv("LUMARO_MENU_CHOOSE", "#2");
+    EXPECT_EQ(nameFor("qt"), "qt");
+    EXPECT_EQ(nameFor("automation"), "automation");
+    auto chosen =
+        std::dynamic_pointer_cast<AutomationMenuPresenter>(NSMenuPresenter::fromEnvironment());
+    ASSERT_NE(chosen, nullptr);
+    EXPECT_EQ(chosen->choice(), QStringLiteral("#2"));
+    {
+        platform::log::LogCapture capture;
+        // Not the X11 platform here, so even a display does not choose the Qt backend.
+        qputenv("DISPLAY", ":99");
+        EXPECT_EQ(nameFor("bogus"), "automation");
+        EXPECT_EQ(capture.records().size(), 1u);
+    }
+    EXPECT_EQ(nameFor(nullptr),
+              QGuiApplication::platformName() == QLatin1String("xcb") ? "qt" : "automation");
+    qunsetenv("LUMARO_MENU_CHOOSE");
+    qunsetenv("DISPLAY");
+}
+
+TEST_F(MenuTest, QtBackendShowsARealMenuAtTheConvertedPoint) {
+    auto qt = std::make_shared<QtMenuPresenter>();
+    NSMenuPresenter::setCurrent(qt);
+    ActivityMenu activity;
+    const QRect screen = QGuiApplication::primaryScreen()->geometry();
+
+    // Bottom-left origin, y upward, to Qt's top-left origin, y downward.
+    EXPECT_EQ(QtMenuPresenter::screenPointToQt(NSMakePoint(100.4, 50.6)),
+              QPoint(screen.left() + 100, screen.top() + screen.height() - 51));
+
+    EXPECT_FALSE(activity.menu->popUpMenuPositioningItem(nullptr, NSMakePoint(100, 300), nullptr));
+    QMenu* shown = qt->shownMenu();
+    ASSERT_NE(shown, nullptr);
+    ASSERT_TRUE(runUntil([&] { return shown->isVisible(); }));
+    EXPECT_EQ(shown->pos(), QtMenuPresenter::screenPointToQt(NSMakePoint(100, 300)));
+    const auto actions = shown->actions();
+    ASSERT_EQ(actions.size(), 4);
+    EXPECT_EQ(actions[0]->text(), QStringLiteral("Broadcast Notes to"));
+    EXPECT_FALSE(actions[0]->isEnabled());
+    EXPECT_TRUE(actions[2]->isEnabled());
+    EXPECT_FALSE(actions[2]->icon().isNull());
+    EXPECT_EQ(hooked.back().backend, QStringLiteral("qt"));
+
+    // Choosing an entry closes the menu and sends the item's action on the main queue.
+    actions[2]->trigger();
+    shown->hide();
+    ASSERT_TRUE(runUntil([&] { return activity.performed.size() == 1; }));
+    EXPECT_EQ(activity.performed.front(), "com.example.service2.setup");
+    ASSERT_TRUE(runUntil([&] { return qt->shownMenu() == nullptr; }));  // deleted once closed
+
+    // In a view: the point is in the view's widget.
+    auto view = NSView::initWithFrame(NSMakeRect(0, 0, 200, 100));
+    view->widget()->move(40, 30);
+    view->widget()->show();
+    activity.menu->popUpMenuPositioningItem(activity.menu->itemAtIndex(1), NSMakePoint(5, 6), view);
+    ASSERT_NE(qt->shownMenu(), nullptr);
+    EXPECT_TRUE(hooked.back().inView);
+    EXPECT_EQ(hooked.back().positioningIndex, 1);
+    qt->shownMenu()->hide();
+    ASSERT_TRUE(runUntil([&] { return qt->shownMenu() == nullptr; }));
+
+    // Off the main thread nothing is shown, and nothing breaks.
+    platform::log::LogCapture capture;
+    std::thread([&] {
+        activity.menu->popUpMenuPositioningItem(nullptr, NSZeroPoint, nullptr);
+    }).join();
+    EXPECT_EQ(qt->shownMenu(), nullptr);
+    EXPECT_EQ(capture.records().size(), 1u);
+}
+
+}  // namespace

@@ -1,0 +1,175 @@
+#include <gtest/gtest.h>
+
+#include <QDir>
+#include <QFile>
+#include <string>
+#include <vector>
+
+#include "platform/appkit/NSStoryboard.h"
+#include "platform/appkit/NSViewController.h"
+#include "platform/foundation/NSBundle.h"
+#include "platform/log/os_log.h"
+#include "tests/support/TempDir.h"
+
+namespace {
+
+// The extension context is the extension runtime's class, only forward-declared here: the
+// controller keeps and answers the pointer without looking inside, so distinct opaque pointers
+// that own a placeholder stand in for contexts.
+std::shared_ptr<NSExtensionContext> opaqueContext() {
+    auto owner = std::make_shared<int>(0);
+    return {owner, reinterpret_cast<NSExtensionContext*>(owner.get())};
+}
+
+class RecordingController : public NSServiceViewController {
+public:
+    std::vector<std::string> calls;
+    bool viewDuringDidLoad = false;
+
+    void loadView() override {
+        calls.push_back("loadView");
+        // Asking for the view while loading must neither recurse nor load twice.
+        EXPECT_EQ(view(), nullptr);
+        setView(NSView::initWithFrame(NSMakeRect(0, 0, 320.5f, 200)));
+    }
+    void viewDidLoad() override {
+        NSServiceViewController::viewDidLoad();
+        calls.push_back("viewDidLoad");
+        viewDuringDidLoad = isViewLoaded();
+    }
+};
+
+class ForgetfulController : public NSViewController {
+public:
+    void loadView() override {}
+};
+
+TEST(NSViewControllerTest, ViewLoadsOnceLoadViewThenViewDidLoad) {
+    auto controller = std::make_shared<RecordingController>();
+    EXPECT_FALSE(controller->isViewLoaded());
+    EXPECT_TRUE(controller->calls.empty());
+
+    const auto view = controller->view();
+    ASSERT_NE(view, nullptr);
+    EXPECT_EQ(view->frame(), NSMakeRect(0, 0, 320.5, 200));
+    EXPECT_EQ(controller->view(), view);
+    controller->loadViewIfNeeded();
+    EXPECT_EQ(controller->calls, (std::vector<std::string>{"loadView", "viewDidLoad"}));
+    EXPECT_TRUE(controller->viewDuringDidLoad);
+
+    // A loadView that sets nothing leaves an empty view and an error line, not a null view.
+    platform::log::LogCapture capture;
+    auto forgetful = std::make_shared<ForgetfulController>();
+    ASSERT_NE(forgetful->view(), nullptr);
+    EXPECT_EQ(forgetful->view()->frame(), NSZeroRect);
+    EXPECT_EQ(capture.records().size(), 1u);
+}
+
+TEST(NSViewControllerTest, ChildrenContextsAndServiceParameters) {
+    auto parent = std::make_shared<NSViewController>();
+    auto child = std::make_shared<NSViewController>();
+    auto grandchild = std::make_shared<NSViewController>();
+    parent->addChildViewController(child);
+    child->addChildViewController(grandchild);
+    EXPECT_EQ(child->parentViewController(), parent);
+    ASSERT_EQ(parent->childViewControllers().size(), 1u);
+
+    {
+        platform::log::LogCapture capture;
+        grandchild->addChildViewController(parent);  // a cycle: refused
+        parent->addChildViewController(parent);
+        parent->addChildViewController(nullptr);
+        EXPECT_EQ(capture.records().size(), 3u);
+    }
+    EXPECT_EQ(parent->parentViewController(), nullptr);
+
+    // Adding to another parent moves the child.
+    auto other = std::make_shared<NSViewController>();
+    other->addChildViewController(grandchild);
+    EXPECT_TRUE(child->childViewControllers().empty());
+    EXPECT_EQ(grandchild->parentViewController(), other);
+
+    // The context begun with is kept, and replaced by the next.
+    auto first = opaqueContext();
+    auto second = opaqueContext();
+    EXPECT_EQ(child->extensionContext(), nullptr);
+    child->beginRequestWithExtensionContext(first);
+    EXPECT_EQ(child->extensionContext(), first);
+    child->beginRequestWithExtensionContext(second);
+    EXPECT_EQ(child->extensionContext(), second);
+
+    child->setPreferredContentSize(NSMakeSize(400, 300));
+    EXPECT_EQ(child->preferredContentSize(), NSMakeSize(400, 300));
+
+    // Parameters keep whatever the host sent, dictionary or not.
+    NSServiceViewController service;
+    EXPECT_FALSE(service.hostAppClientParameters().isValid());
+    service.setHostAppClientParameters(QStringLiteral("not a dictionary"));
+    EXPECT_EQ(service.hostAppClientParameters().typeId(), QMetaType::QString);
+    service.setHostAppClientParameters(QVariantMap{{QStringLiteral("isPrismApp"), "NO"}});
+    EXPECT_EQ(service.hostAppClientParameters().toMap().value(QStringLiteral("isPrismApp")),
+              QStringLiteral("NO"));
+    EXPECT_EQ(service.exportedInterface(), nullptr);
+}
+
+class StoryboardTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        QDir().mkpath(dir.file(QStringLiteral("Resources")));
+        NSStoryboard::registerViewControllerClass(QStringLiteral("RecordingController"), [] {
+            return std::make_shared<RecordingController>();
+        });
+    }
+    void TearDown() override {
+        NSStoryboard::registerViewControllerClass(QStringLiteral("RecordingController"), {});
+    }
+    void writeResource(const QString& name, const QByteArray& content) {
+        dir.write(QStringLiteral("Resources/") + name, 0, content);
+    }
+    lumaro::test::TempDir dir;
+};
+
+TEST_F(StoryboardTest, FoundByNameAndInstantiatesItsInitialController) {
+    writeResource(QStringLiteral("BroadcastSetup.storyboard.json"),
+                  R"({"initialController": "RecordingController"})");
+    const auto bundle = NSBundle::bundleWithPath(dir.path());
+    const auto storyboard =
+        NSStoryboard::storyboardWithName(QStringLiteral("BroadcastSetup"), bundle);
+    ASSERT_NE(storyboard, nullptr);
+    EXPECT_EQ(storyboard->initialControllerClass(), QStringLiteral("RecordingController"));
+
+    const auto a = storyboard->instantiateInitialController();
+    const auto b = storyboard->instantiateInitialController();
+    ASSERT_NE(a, nullptr);
+    EXPECT_NE(a, b);  // a new controller each time
+    auto* recording = dynamic_cast<RecordingController*>(a.get());
+    ASSERT_NE(recording, nullptr);
+    EXPECT_TRUE(recording->calls.empty());  // the view is not loaded by instantiation
+}
+
+TEST_F(StoryboardTest, MissingMalformedAndUnknownStoryboards) {
+    writeResource(QStringLiteral("Unknown.storyboard.json"),
+                  R"({"initialController": "NoSuchController"})");
+    writeResource(QStringLiteral("Broken.storyboard.json"), "{ not json");
+    writeResource(QStringLiteral("Empty.storyboard.json"), "{}");
+    const auto bundle = NSBundle::bundleWithPath(dir.path());
+
+    platform::log::LogCapture capture;
+    EXPECT_EQ(NSStoryboard::storyboardWithName(QStringLiteral("BroadcastSetup"), bundle), nullptr);
+    EXPECT_EQ(NSStoryboard::storyboardWithName(QString(), bundle), nullptr);
+    EXPECT_EQ(NSStoryboard::storyboardWithName(QStringLiteral("../Resources/Unknown"), bundle),
+              nullptr);
+    EXPECT_TRUE(capture.records().empty());  // "not found" is the caller's to report
+
+    for (const char* name : {"Unknown", "Broken", "Empty"}) {
+        capture.clear();
+        const auto storyboard = NSStoryboard::storyboardWithName(QString::fromLatin1(name), bundle);
+        ASSERT_NE(storyboard, nullptr) << name;
+        EXPECT_EQ(storyboard->instantiateInitialController(), nullptr) << name;
+        ASSERT_FALSE(capture.records().empty()) << name;
+        EXPECT_EQ(capture.records().back().type, OS_LOG_TYPE_ERROR);
+    }
+    EXPECT_EQ(capture.texts().back(), "storyboard Empty names no initial controller");
+}
+
+}  // namespace
