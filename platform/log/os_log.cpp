@@ -3,7 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <QDateTime>
+#include <ctime>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -77,14 +77,21 @@ void writeToBackend(const LogRecord& record) {
 #else
     (void)journal;
 #endif
-    const QByteArray now =
-        QDateTime::currentDateTime().toString("yyyy-MM-dd HH:mm:ss.zzz").toUtf8();
+    // localtime_r keeps the zone it loaded; Qt's local-time conversion re-checks the zone file
+    // on every call, which costs more than the rest of the line.
+    timespec ts{};
+    clock_gettime(CLOCK_REALTIME, &ts);
+    tm local{};
+    localtime_r(&ts.tv_sec, &local);
+    char now[40];
+    const size_t n = strftime(now, sizeof now, "%Y-%m-%d %H:%M:%S", &local);
+    std::snprintf(now + n, sizeof now - n, ".%03ld", ts.tv_nsec / 1000000);
     const char* type = record.isNSLog ? "NSLog"
                        : record.type >= OS_LOG_TYPE_ERROR ? "Error"
                                                           : "Default";
     std::string line;
     line.reserve(record.text.size() + 64);
-    line.append(now.constData()).append(" ").append(name).append("[");
+    line.append(now).append(" ").append(name).append("[");
     line.append(std::to_string(getpid())).append("] <").append(type).append("> ");
     line.append(record.text).append("\n");
     (void)!write(STDERR_FILENO, line.data(), line.size());
