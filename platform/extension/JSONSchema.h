@@ -1,0 +1,21 @@
+// A small JSON Schema validator: the subset of the vocabulary that the manifest schema uses.
+//
+// Understood keywords: type (a name or an array of names: object, array, string, integer,
+// number, boolean, null), required, properties, additionalProperties (false or a schema), items,
+// enum, minLength, maxLength, minimum, maximum. Annotations ($schema, $id, title, description,
+// examples, default) are ignored; any other keyword is reported as unsupported so that a schema
+// can never silently ask for more than is checked.
+#pragma once
+
+#include <QJsonObject>
+#include <QJsonValue>
+#include <QStringList>
+
+namespace platform::extension {
+
+// Checks `instance` against `schema` and answers one line per problem, each starting with the
+// JSON pointer of the offending value ("/" for the document itself), e.g.
+// "/NSExtension: expected object, found string". An empty list means valid.
+QStringList validateAgainstSchema(const QJsonValue& instance, const QJsonObject& schema);
+
+}  // namespace platform::extension

@@ -1,0 +1,164 @@
+#include "platform/extension/NSExtensionManifest.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QJsonDocument>
+#include <cerrno>
+#include <cstring>
+
+#include "platform/extension/JSONSchema.h"
+
+namespace platform::extension {
+namespace {
+
+QString kindOf(mode_t mode) {
+    if (S_ISDIR(mode)) {
+        return QStringLiteral("a folder");
+    }
+    if (S_ISFIFO(mode)) {
+        return QStringLiteral("a named pipe");
+    }
+    if (S_ISSOCK(mode)) {
+        return QStringLiteral("a socket");
+    }
+    if (S_ISCHR(mode) || S_ISBLK(mode)) {
+        return QStringLiteral("a device");
+    }
+    return QStringLiteral("not a regular file");
+}
+
+QString systemError(int errnum) {
+    return QString::fromLocal8Bit(strerror(errnum));
+}
+
+// A path from the manifest, resolved against the manifest's folder when relative.
+QString resolve(const QString& path, const QString& manifestPath) {
+    if (QDir::isAbsolutePath(path)) {
+        return QDir::cleanPath(path);
+    }
+    return QDir::cleanPath(QFileInfo(manifestPath).absolutePath() + QLatin1Char('/') + path);
+}
+
+}  // namespace
+
+const QJsonObject& manifestSchema() {
+    static const QJsonObject schema =
+        QJsonDocument::fromJson(QByteArray(manifestSchemaText())).object();
+    return schema;
+}
+
+bool readManifestFile(const QString& path, QByteArray* bytes, QString* problem) {
+    // Non-blocking, so that a named pipe without a writer cannot stall the search.
+    const int fd = ::open(QFile::encodeName(path).constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) {
+        *problem = QStringLiteral("cannot open: %1").arg(systemError(errno));
+        return false;
+    }
+    struct stat st {};
+    bool ok = false;
+    if (::fstat(fd, &st) != 0) {
+        *problem = QStringLiteral("cannot read: %1").arg(systemError(errno));
+    } else if (!S_ISREG(st.st_mode)) {
+        *problem = QStringLiteral("cannot read: it is %1").arg(kindOf(st.st_mode));
+    } else if (st.st_size > kMaxManifestSize) {
+        *problem = QStringLiteral("too large: %1 bytes (at most %2)")
+                       .arg(st.st_size)
+                       .arg(kMaxManifestSize);
+    } else {
+        // Read to the end, refusing a file that grew past the limit meanwhile.
+        bytes->resize(static_cast<qsizetype>(st.st_size) + 1);
+        qsizetype filled = 0;
+        ok = true;
+        while (true) {
+            if (filled == bytes->size()) {
+                if (filled > kMaxManifestSize) {
+                    *problem =
+                        QStringLiteral("too large: more than %1 bytes").arg(kMaxManifestSize);
+                    ok = false;
+                    break;
+                }
+                bytes->resize(std::min<qsizetype>(filled * 2 + 1, kMaxManifestSize + 1));
+            }
+            const ssize_t n = ::read(fd, bytes->data() + filled, bytes->size() - filled);
+            if (n < 0 && errno == EINTR) {
+                continue;
+            }
+            if (n < 0) {
+                *problem = QStringLiteral("cannot read: %1").arg(systemError(errno));
+                ok = false;
+                break;
+            }
+            if (n == 0) {
+                break;
+            }
+            filled += n;
+        }
+        bytes->resize(ok ? filled : 0);
+    }
+    ::close(fd);
+    return ok;
+}
+
+QStringList validateManifestData(const QByteArray& bytes) {
+    QJsonParseError parseError{};
+    const QJsonDocument document = QJsonDocument::fromJson(bytes, &parseError);
+    if (parseError.error != QJsonParseError::NoError) {
+        return {QStringLiteral("not valid JSON: %1 at byte %2")
+                    .arg(parseError.errorString())
+                    .arg(parseError.offset)};
+    }
+    if (!document.isObject()) {
+        return {QStringLiteral("/: expected object, found array")};
+    }
+    return validateAgainstSchema(document.object(), manifestSchema());
+}
+
+QStringList validateManifestFile(const QString& path) {
+    QByteArray bytes;
+    QString problem;
+    if (!readManifestFile(path, &bytes, &problem)) {
+        return {problem};
+    }
+    return validateManifestData(bytes);
+}
+
+NSExtensionPtr extensionFromManifestData(const QByteArray& bytes, const QString& manifestPath,
+                                         QString* problem) {
+    QJsonParseError parseError{};
+    const QJsonDocument document = QJsonDocument::fromJson(bytes, &parseError);
+    QStringList problems;
+    if (parseError.error != QJsonParseError::NoError || !document.isObject()) {
+        problems = validateManifestData(bytes);  // the same wording as validation
+    } else {
+        problems = validateAgainstSchema(document.object(), manifestSchema());
+    }
+    if (!problems.isEmpty()) {
+        *problem = problems.first();
+        return nullptr;
+    }
+    const QJsonObject object = document.object();
+    const QString identifier = object.value("identifier").toString();
+    const QVariantMap attributes = object.value("NSExtension").toObject().toVariantMap();
+    QVariantMap info = object.value("infoDictionary").toObject().toVariantMap();
+    info.insert(NSExtensionKey, attributes);
+    if (!info.contains(kCFBundleIdentifierKey)) {
+        info.insert(kCFBundleIdentifierKey, identifier);
+    }
+    const QString containing =
+        resolve(object.value("containingApplication").toString(), manifestPath);
+    const QString executable = resolve(object.value("executable").toString(), manifestPath);
+    auto plugIn = std::make_shared<const NSExtensionPlugIn>(
+        identifier, QUrl::fromLocalFile(containing),
+        static_cast<int64_t>(object.value("platform").toInteger()), QUrl::fromLocalFile(executable),
+        attributes, manifestPath);
+    auto bundle = std::make_shared<const NSExtensionBundle>(manifestPath, identifier);
+    return std::make_shared<NSExtension>(identifier, attributes, std::move(info), std::move(plugIn),
+                                         std::move(bundle));
+}
+
+}  // namespace platform::extension

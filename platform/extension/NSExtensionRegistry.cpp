@@ -1,0 +1,223 @@
+#include "platform/extension/NSExtensionRegistry.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <QDir>
+#include <QFile>
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+
+#include "platform/extension/NSExtensionManifest.h"
+#include "platform/log/os_log.h"
+
+// One manifest file as last read: what identifies the file's version, and what it gave.
+struct NSExtensionRegistry::Entry {
+    dev_t device = 0;
+    ino_t inode = 0;
+    off_t size = 0;
+    int64_t mtimeNs = 0;
+    NSExtensionPtr extension;  // empty when the manifest was refused
+    QString problem;
+};
+
+namespace {
+
+std::mutex gFallbackMutex;
+QStringList gFallback;
+
+QString envPath(const char* name) {
+    const char* value = std::getenv(name);
+    return value != nullptr ? QFile::decodeName(value) : QString();
+}
+
+int64_t mtimeNs(const struct stat& st) {
+    return static_cast<int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
+}
+
+bool isManifestName(const char* name) {
+    const size_t length = std::strlen(name);
+    return name[0] != '.' && length > 5 && std::strcmp(name + length - 5, ".json") == 0;
+}
+
+}  // namespace
+
+NSExtensionRegistry::NSExtensionRegistry() = default;
+NSExtensionRegistry::~NSExtensionRegistry() = default;
+
+std::shared_ptr<NSExtensionRegistry> NSExtensionRegistry::sharedRegistry() {
+    static const auto registry = std::make_shared<NSExtensionRegistry>();
+    return registry;
+}
+
+void NSExtensionRegistry::setFallbackSearchPaths(const QStringList& paths) {
+    std::lock_guard lock(gFallbackMutex);
+    gFallback = paths;
+}
+
+QStringList NSExtensionRegistry::fallbackSearchPaths() {
+    std::lock_guard lock(gFallbackMutex);
+    return gFallback;
+}
+
+QStringList NSExtensionRegistry::searchPaths() {
+    const QString explicitPath = envPath("LUMARO_EXTENSIONS_PATH");
+    if (!explicitPath.isEmpty()) {
+        QStringList folders;
+        for (const QString& folder : explicitPath.split(QLatin1Char(':'), Qt::SkipEmptyParts)) {
+            folders << QDir::cleanPath(folder);
+        }
+        return folders;
+    }
+    // XDG base directories: relative entries are invalid and ignored.
+    QString dataHome = envPath("XDG_DATA_HOME");
+    if (dataHome.isEmpty() || !QDir::isAbsolutePath(dataHome)) {
+        dataHome = QDir::homePath() + QStringLiteral("/.local/share");
+    }
+    QString dataDirs = envPath("XDG_DATA_DIRS");
+    if (dataDirs.isEmpty()) {
+        dataDirs = QStringLiteral("/usr/local/share:/usr/share");
+    }
+    QStringList folders{QDir::cleanPath(dataHome + QStringLiteral("/lumaro/extensions"))};
+    for (const QString& dir : dataDirs.split(QLatin1Char(':'), Qt::SkipEmptyParts)) {
+        if (QDir::isAbsolutePath(dir)) {
+            folders << QDir::cleanPath(dir + QStringLiteral("/lumaro/extensions"));
+        }
+    }
+    folders.removeDuplicates();
+    const bool anyExists = std::any_of(folders.cbegin(), folders.cend(), [](const QString& f) {
+        struct stat st {};
+        return ::stat(QFile::encodeName(f).constData(), &st) == 0;
+    });
+    return anyExists ? folders : fallbackSearchPaths();
+}
+
+NSExtensionRegistry::Scan NSExtensionRegistry::scan() {
+    return scan(searchPaths());
+}
+
+NSExtensionRegistry::Scan NSExtensionRegistry::scan(const QStringList& folders) {
+    Scan result;
+    std::map<QString, NSExtensionPtr> byIdentifier;  // ordered by identifier (byte order)
+    std::unordered_map<std::string, std::shared_ptr<const Entry>> seen;
+    {
+        std::lock_guard lock(mutex_);
+        seen = cache_;
+    }
+    std::unordered_map<std::string, std::shared_ptr<const Entry>> fresh;
+
+    for (const QString& folder : folders) {
+        const QByteArray folderBytes = QFile::encodeName(folder);
+        const int dirFd = ::open(folderBytes.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        if (dirFd < 0) {
+            const int err = errno;
+            if (err == ENOENT) {
+                continue;  // an absent folder is the usual case on a search path
+            }
+            os_log_error(OS_LOG_DEFAULT,
+                         "extension folder %{public}s cannot be searched: %{public}s", folder,
+                         strerror(err));
+            if (!result.error) {
+                result.error = NSError::errorWithDomain(
+                    NSCocoaErrorDomain,
+                    err == EACCES ? NSFileReadNoPermissionError : NSFileReadUnknownError,
+                    {{NSFilePathErrorKey, folder},
+                     {NSLocalizedDescriptionKey,
+                      QStringLiteral("The extension folder %1 cannot be searched: %2")
+                          .arg(folder, QString::fromLocal8Bit(strerror(err)))}});
+            }
+            continue;
+        }
+        DIR* dir = ::fdopendir(dirFd);
+        if (dir == nullptr) {
+            ::close(dirFd);
+            continue;
+        }
+        std::vector<std::string> names;
+        while (const dirent* entry = ::readdir(dir)) {
+            if (isManifestName(entry->d_name)) {
+                names.emplace_back(entry->d_name);
+            }
+        }
+        std::sort(names.begin(), names.end());
+
+        std::map<QString, QString> identifiersHere;  // identifier -> manifest path
+        for (const std::string& name : names) {
+            const std::string fullPath = folderBytes.toStdString() + '/' + name;
+            const QString path = QFile::decodeName(fullPath.c_str());
+            struct stat st {};
+            std::shared_ptr<const Entry> entry;
+            if (::fstatat(dirFd, name.c_str(), &st, 0) == 0) {
+                auto cached = seen.find(fullPath);
+                if (cached != seen.end() && cached->second->device == st.st_dev &&
+                    cached->second->inode == st.st_ino && cached->second->size == st.st_size &&
+                    cached->second->mtimeNs == mtimeNs(st)) {
+                    entry = cached->second;
+                }
+            }
+            if (!entry) {
+                auto made = std::make_shared<Entry>();
+                made->device = st.st_dev;
+                made->inode = st.st_ino;
+                made->size = st.st_size;
+                made->mtimeNs = mtimeNs(st);
+                QByteArray bytes;
+                if (platform::extension::readManifestFile(path, &bytes, &made->problem)) {
+                    made->extension =
+                        platform::extension::extensionFromManifestData(bytes, path, &made->problem);
+                }
+                if (!made->extension) {
+                    os_log_error(OS_LOG_DEFAULT,
+                                 "extension manifest %{public}s skipped: %{public}s", path,
+                                 made->problem);
+                }
+                entry = made;
+            }
+            fresh[fullPath] = entry;
+            if (!entry->extension) {
+                result.problems << path + QStringLiteral(": ") + entry->problem;
+                continue;
+            }
+            const QString& identifier = entry->extension->identifier();
+            if (auto earlier = identifiersHere.find(identifier); earlier != identifiersHere.end()) {
+                const QString problem =
+                    QStringLiteral("duplicate identifier %1 (already provided by %2)")
+                        .arg(identifier, earlier->second);
+                // Logged when the file is new to the registry, like every other refusal.
+                if (seen.find(fullPath) == seen.end() || seen.at(fullPath) != entry) {
+                    os_log_error(OS_LOG_DEFAULT,
+                                 "extension manifest %{public}s skipped: %{public}s", path,
+                                 problem);
+                }
+                result.problems << path + QStringLiteral(": ") + problem;
+                continue;
+            }
+            identifiersHere.emplace(identifier, path);
+            byIdentifier.emplace(identifier, entry->extension);  // an earlier folder wins
+        }
+        ::closedir(dir);
+    }
+
+    result.extensions.reserve(byIdentifier.size());
+    for (auto& [identifier, extension] : byIdentifier) {
+        result.extensions.push_back(extension);
+    }
+    {
+        std::lock_guard lock(mutex_);
+        // Keep what this scan read; entries of other folders stay for other search paths.
+        for (auto& [path, entry] : fresh) {
+            cache_[path] = entry;
+        }
+    }
+    return result;
+}
+
+void NSExtensionRegistry::dropCaches() {
+    std::lock_guard lock(mutex_);
+    cache_.clear();
+}

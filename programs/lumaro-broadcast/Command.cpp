@@ -1,0 +1,23 @@
+#include "programs/lumaro-broadcast/Command.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace {
+std::vector<const Command*>& registry() {
+    static std::vector<const Command*> commands;
+    return commands;
+}
+}  // namespace
+
+Command::Command(const char* name, const char* summary, const char* usage, Run run)
+    : name(name), summary(summary), usage(usage), run(std::move(run)) {
+    registry().push_back(this);
+}
+
+std::vector<const Command*> Command::all() {
+    std::vector<const Command*> commands = registry();
+    std::sort(commands.begin(), commands.end(),
+              [](const Command* a, const Command* b) { return std::strcmp(a->name, b->name) < 0; });
+    return commands;
+}

@@ -1,0 +1,47 @@
+// Manifests written into temporary extension folders, and a synchronous wait for queries.
+#pragma once
+
+#include <QJsonObject>
+#include <QString>
+#include <QVariant>
+#include <vector>
+
+#include "platform/extension/NSExtension.h"
+#include "tests/support/TempDir.h"
+
+namespace lumaro::test {
+
+inline const QString kTestPoint = QStringLiteral("com.test.point");
+
+// A valid manifest object; `rule` is left out when invalid.
+QJsonObject manifest(const QString& identifier, const QJsonValue& rule = QJsonValue::Undefined,
+                     const QString& point = kTestPoint, int platform = 1,
+                     const QString& displayName = QStringLiteral("Service"));
+
+// Writes `object` as <folder>/<file> in `dir` and answers the path.
+QString writeManifest(const TempDir& dir, const QString& file, const QJsonObject& object);
+
+// Points LUMARO_EXTENSIONS_PATH at `folders` while alive.
+class ScopedSearchPath {
+public:
+    explicit ScopedSearchPath(const QStringList& folders);
+    ~ScopedSearchPath();
+
+private:
+    QByteArray previous_;
+    bool hadPrevious_;
+};
+
+struct QueryResult {
+    bool answered = false;
+    std::vector<NSExtensionPtr> extensions;
+    NSErrorPtr error;
+    QStringList identifiers() const;
+};
+
+// Runs `start` with a completion and waits for that completion (a guard, not a timing check).
+using QueryStart =
+    std::function<void(std::function<void(std::vector<NSExtensionPtr>, NSErrorPtr)>)>;
+QueryResult waitFor(const QueryStart& start);
+
+}  // namespace lumaro::test

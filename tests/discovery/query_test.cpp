@@ -1,0 +1,183 @@
+// The extension queries: the filter matrix, order, the NSLog line per extension, the error
+// passed through, and the processing mode.
+#include <gtest/gtest.h>
+
+#include "discovery/LMExtensions.h"
+#include "platform/log/os_log.h"
+#include "tests/discovery/ManifestFixture.h"
+
+using namespace lumaro::test;
+
+namespace {
+
+class QueryTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        // Written out of identifier order, so that order is the registry's, not the disk's.
+        writeManifest(dir_, "1.json",
+                      manifest("com.test.zeta", QJsonObject{{"X", "YES"}, {"Y", 0}}));
+        writeManifest(dir_, "2.json", manifest("com.test.Alpha", QJsonObject{{"X", true}}));
+        writeManifest(dir_, "3.json", manifest("com.test.alpha.sub", QJsonObject{{"X", false}}));
+        writeManifest(dir_, "4.json", manifest("com.test.beta", QJsonObject{{"Y", true}}));
+        writeManifest(dir_, "5.json",
+                      manifest("com.test.gamma", QJsonObject{{"X", true}, {"Y", true}}));
+        writeManifest(dir_, "6.json", manifest("com.test.delta"));
+        writeManifest(dir_, "7.json", manifest("com.test.eps", QJsonValue("TRUEPREDICATE")));
+        // Not offered: another extension point, and a platform the query does not ask for.
+        writeManifest(dir_, "8.json", manifest("com.test.other", {}, "com.test.elsewhere"));
+        writeManifest(dir_, "9.json", manifest("com.test.platform2", {}, kTestPoint, 2));
+    }
+
+    QueryResult query(const QString& base, const QString& rule, const QString& unwanted) {
+        return waitFor([&](auto completion) {
+            LMExtensions::extensionsWithMatchingPointNameBaseIdentifierActivationRule(
+                kTestPoint, base, rule, unwanted, completion);
+        });
+    }
+
+    TempDir dir_;
+    ScopedSearchPath path_{{dir_.path()}};
+};
+
+TEST_F(QueryTest, NoConditionsKeepsEveryOfferedExtensionInRegistryOrderWithOneLogLineEach) {
+    platform::log::LogCapture capture;
+    const QueryResult result = waitFor([](auto completion) {
+        LMExtensions::extensionsWithMatchingPointName(kTestPoint, completion);
+    });
+    ASSERT_TRUE(result.answered);
+    EXPECT_FALSE(result.error);
+    const QStringList expected{"com.test.Alpha", "com.test.alpha.sub", "com.test.beta",
+                               "com.test.delta", "com.test.eps",       "com.test.gamma",
+                               "com.test.zeta"};
+    EXPECT_EQ(result.identifiers(), expected);
+
+    // The registry's own answer has the same order: the query keeps it.
+    const QueryResult platformAnswer = waitFor([](auto completion) {
+        NSExtension::extensionsWithMatchingAttributes(
+            LMExtensions::matchingAttributesForPointName(kTestPoint), completion);
+    });
+    EXPECT_EQ(platformAnswer.identifiers(), expected);
+
+    size_t nslogLines = 0;
+    for (const auto& record : capture.records()) {
+        if (record.isNSLog) {
+            ++nslogLines;
+            EXPECT_EQ(
+                record.text.rfind("NSExtensionPointIdentifier com.test.point _extensionBundle ", 0),
+                0u)
+                << record.text;
+        }
+    }
+    EXPECT_EQ(nslogLines, expected.size());
+}
+
+TEST_F(QueryTest, QueryDictionaryHasPointProtocolAndBothPlatforms) {
+    const QVariantMap query = LMExtensions::matchingAttributesForPointName(kTestPoint);
+    ASSERT_EQ(query.size(), 3);
+    EXPECT_EQ(query.value(NSExtensionPointName).toString(), kTestPoint);
+    EXPECT_EQ(query.value(PKProtocolAttribute).toStringList(), QStringList{kTestPoint});
+    const QVariantList platforms = query.value("LS:ExtensionPlatforms").toList();
+    ASSERT_EQ(platforms.size(), 2);
+    EXPECT_EQ(platforms.at(0).toLongLong(), 1);
+    EXPECT_EQ(platforms.at(1).toLongLong(), 6);
+}
+
+TEST_F(QueryTest, BaseIdentifierIsACaseSensitivePrefix) {
+    EXPECT_EQ(query("com.test.alpha", {}, {}).identifiers(), QStringList{"com.test.alpha.sub"});
+    EXPECT_EQ(query("com.test.Alpha", {}, {}).identifiers(), QStringList{"com.test.Alpha"});
+    EXPECT_TRUE(query("COM.", {}, {}).extensions.empty());
+    // The short forms pass their arguments to the right places.
+    const QueryResult viaShort = waitFor([](auto completion) {
+        LMExtensions::extensionsWithMatchingPointNameBaseIdentifierCompletion(
+            kTestPoint, "com.test.alpha", completion);
+    });
+    EXPECT_EQ(viaShort.identifiers(), QStringList{"com.test.alpha.sub"});
+}
+
+TEST_F(QueryTest, ActivationRuleMustBePresentAndTrueInARuleDictionary) {
+    // Alpha X=true, gamma X=true, zeta X="YES"; alpha.sub X=false, beta no X, delta no rule,
+    // eps a predicate string: all dropped.
+    const QStringList expected{"com.test.Alpha", "com.test.gamma", "com.test.zeta"};
+    EXPECT_EQ(query({}, "X", {}).identifiers(), expected);
+    const QueryResult viaShort = waitFor([](auto completion) {
+        LMExtensions::extensionsWithMatchingPointNameActivationRule(kTestPoint, "X", completion);
+    });
+    EXPECT_EQ(viaShort.identifiers(), expected);
+}
+
+TEST_F(QueryTest, UnwantedRuleDropsOnlyPresentAndTrueAndPassesExtensionsWithoutRuleDictionary) {
+    // beta Y=true and gamma Y=true are dropped; zeta Y=0, no Y, no rule, predicate all kept.
+    const QStringList expected{"com.test.Alpha", "com.test.alpha.sub", "com.test.delta",
+                               "com.test.eps", "com.test.zeta"};
+    EXPECT_EQ(query({}, {}, "Y").identifiers(), expected);
+    const QueryResult viaShort = waitFor([](auto completion) {
+        LMExtensions::extensionsWithMatchingPointNameUnwantedActivationRule(kTestPoint, "Y",
+                                                                            completion);
+    });
+    EXPECT_EQ(viaShort.identifiers(), expected);
+    const QueryResult withBase = waitFor([](auto completion) {
+        LMExtensions::extensionsWithMatchingPointNameBaseIdentifierUnwantedActivationRule(
+            kTestPoint, "com.test.g", "Y", completion);
+    });
+    EXPECT_TRUE(withBase.extensions.empty());
+}
+
+TEST_F(QueryTest, BothRulesMustHold) {
+    EXPECT_EQ(query({}, "X", "Y").identifiers(), (QStringList{"com.test.Alpha", "com.test.zeta"}));
+    EXPECT_EQ(query("com.test.z", "X", "Y").identifiers(), QStringList{"com.test.zeta"});
+}
+
+TEST(QueryErrors, SearchFailureComesWithTheExtensionsFoundElsewhere) {
+    TempDir good;
+    writeManifest(good, "a.json", manifest("com.test.found"));
+    const QString notAFolder = good.write("plain-file", 0, "x");
+    ScopedSearchPath path({notAFolder, good.path()});
+    const QueryResult result = waitFor([](auto completion) {
+        LMExtensions::extensionsWithMatchingPointName(kTestPoint, completion);
+    });
+    ASSERT_TRUE(result.answered);
+    ASSERT_TRUE(result.error);
+    EXPECT_EQ(result.error->userInfo().value(NSFilePathErrorKey).toString(), notAFolder);
+    EXPECT_EQ(result.identifiers(), QStringList{"com.test.found"});
+}
+
+TEST(QueryErrors, EmptyAnswerIsAnEmptyArrayAndANilCompletionIsAllowed) {
+    TempDir empty;
+    ScopedSearchPath path({empty.path()});
+    LMExtensions::extensionsWithMatchingPointName(kTestPoint, nullptr);
+    const QueryResult result = waitFor([](auto completion) {
+        LMExtensions::extensionsWithMatchingPointName(kTestPoint, completion);
+    });
+    ASSERT_TRUE(result.answered);
+    EXPECT_TRUE(result.extensions.empty());
+    EXPECT_FALSE(result.error);
+}
+
+TEST(ProcessMode, OnlyTheSampleBufferStringInTheNSExtensionDictionaryGivesOne) {
+    auto make = [](const QVariantMap& info) {
+        return NSExtension("id", {}, info, nullptr, nullptr);
+    };
+    const QVariantMap sample{{"LMBroadcastProcessMode", "LMBroadcastProcessModeSampleBuffer"}};
+    EXPECT_EQ(LMExtensions::processMode(make({{"NSExtension", sample}})), 1);
+    EXPECT_EQ(LMExtensions::processMode(
+                  make({{"NSExtension", QVariantMap{{"LMBroadcastProcessMode", "Other"}}}})),
+              0);
+    EXPECT_EQ(LMExtensions::processMode(make({{"NSExtension", QVariantMap{}}})), 0);
+    EXPECT_EQ(LMExtensions::processMode(make({})), 0);
+    EXPECT_EQ(
+        LMExtensions::processMode(make({{"NSExtension", "LMBroadcastProcessModeSampleBuffer"}})),
+        0);
+}
+
+TEST(BoolValue, ReadsRuleValuesAsDeclarationsMeanThem) {
+    for (const QVariant& yes : {QVariant(true), QVariant(1), QVariant(2.5), QVariant("YES"),
+                                QVariant(" true"), QVariant("-07"), QVariant("y")}) {
+        EXPECT_TRUE(LMExtensions::boolValue(yes)) << yes.toString().toStdString();
+    }
+    for (const QVariant& no : {QVariant(false), QVariant(0), QVariant("NO"), QVariant("false"),
+                               QVariant("000"), QVariant(""), QVariant()}) {
+        EXPECT_FALSE(LMExtensions::boolValue(no)) << no.toString().toStdString();
+    }
+}
+
+}  // namespace

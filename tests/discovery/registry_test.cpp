@@ -1,0 +1,198 @@
+// The registry: search path, bad manifests, duplicates, overrides, the manifest schema.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <QDir>
+#include <QFile>
+#include <QJsonDocument>
+
+#include "platform/extension/NSExtensionManifest.h"
+#include "platform/extension/NSExtensionRegistry.h"
+#include "platform/log/os_log.h"
+#include "tests/discovery/ManifestFixture.h"
+
+using namespace lumaro::test;
+
+namespace {
+
+QStringList identifiers(const NSExtensionRegistry::Scan& scan) {
+    QStringList ids;
+    for (const NSExtensionPtr& extension : scan.extensions) {
+        ids << extension->identifier();
+    }
+    return ids;
+}
+
+TEST(Registry, BadManifestsAreSkippedWithOneErrorLineEachAndTheRestStays) {
+    TempDir dir;
+    writeManifest(dir, "good.json", manifest("com.test.good"));
+    dir.write("broken.json", 0, "{\"identifier\": ");
+    QJsonObject stringForDictionary = manifest("com.test.wrongtype");
+    stringForDictionary.insert("NSExtension", "com.test.point");
+    writeManifest(dir, "wrongtype.json", stringForDictionary);
+    QJsonObject missing = manifest("com.test.missing");
+    missing.remove("executable");
+    writeManifest(dir, "missing.json", missing);
+    dir.write("huge.json", platform::extension::kMaxManifestSize + 1);
+    QDir().mkpath(dir.file("folder.json"));
+    ASSERT_EQ(::mkfifo(QFile::encodeName(dir.file("pipe.json")).constData(), 0600), 0);
+    dir.write("array.json", 0, "[1, 2]");
+    dir.write("notes.txt", 0, "not a manifest name");  // ignored, not an error
+
+    NSExtensionRegistry registry;
+    platform::log::LogCapture capture;
+    const NSExtensionRegistry::Scan scan = registry.scan({dir.path()});
+    EXPECT_EQ(identifiers(scan), QStringList{"com.test.good"});
+    EXPECT_FALSE(scan.error);
+    ASSERT_EQ(scan.problems.size(), 7) << scan.problems.join("\n").toStdString();
+    const QString all = scan.problems.join("\n");
+    EXPECT_TRUE(all.contains(dir.file("broken.json") + ": not valid JSON"));
+    EXPECT_TRUE(
+        all.contains(dir.file("wrongtype.json") + ": /NSExtension: expected object, found string"));
+    EXPECT_TRUE(all.contains(dir.file("missing.json") +
+                             ": /: the required field \"executable\" is missing"));
+    EXPECT_TRUE(all.contains(dir.file("huge.json") + ": too large"));
+    EXPECT_TRUE(all.contains(dir.file("folder.json") + ": cannot read: it is a folder"));
+    EXPECT_TRUE(all.contains(dir.file("pipe.json") + ": cannot read: it is a named pipe"));
+
+    size_t errorLines = 0;
+    for (const auto& record : capture.records()) {
+        errorLines += record.type == OS_LOG_TYPE_ERROR ? 1 : 0;
+    }
+    EXPECT_EQ(errorLines, 7u);
+
+    // Unchanged files are not read or reported again; a cold registry reports them again.
+    capture.clear();
+    EXPECT_EQ(identifiers(registry.scan({dir.path()})), QStringList{"com.test.good"});
+    EXPECT_TRUE(capture.records().empty());
+    registry.dropCaches();
+    registry.scan({dir.path()});
+    EXPECT_EQ(capture.records().size(), 7u);
+}
+
+TEST(Registry, ChangedManifestIsReadAgain) {
+    TempDir dir;
+    const QString path = writeManifest(dir, "a.json", manifest("com.test.first"));
+    NSExtensionRegistry registry;
+    EXPECT_EQ(identifiers(registry.scan({dir.path()})), QStringList{"com.test.first"});
+    QFile::remove(path);  // a new inode, whatever the clock's resolution
+    writeManifest(dir, "a.json", manifest("com.test.second"));
+    EXPECT_EQ(identifiers(registry.scan({dir.path()})), QStringList{"com.test.second"});
+}
+
+TEST(Registry, DuplicateIdentifierInOneFolderKeepsTheFirstFileAndReportsTheSecond) {
+    TempDir dir;
+    writeManifest(dir, "a.json", manifest("com.test.same", {}, kTestPoint, 1, "First"));
+    writeManifest(dir, "b.json", manifest("com.test.same", {}, kTestPoint, 1, "Second"));
+    NSExtensionRegistry registry;
+    const auto scan = registry.scan({dir.path()});
+    ASSERT_EQ(scan.extensions.size(), 1u);
+    EXPECT_EQ(scan.extensions[0]->infoDictionary().value("CFBundleDisplayName"), "First");
+    ASSERT_EQ(scan.problems.size(), 1);
+    EXPECT_TRUE(scan.problems[0].contains("duplicate identifier com.test.same"));
+}
+
+TEST(Registry, UserManifestOverridesSystemOneThroughTheXdgSearchPath) {
+    TempDir home;
+    TempDir system;
+    writeManifest(home, "lumaro/extensions/s.json",
+                  manifest("com.test.shared", {}, kTestPoint, 1, "User"));
+    writeManifest(system, "lumaro/extensions/s.json",
+                  manifest("com.test.shared", {}, kTestPoint, 6, "System"));
+    writeManifest(system, "lumaro/extensions/only.json", manifest("com.test.systemonly"));
+    const QByteArray oldHome = qgetenv("XDG_DATA_HOME");
+    const QByteArray oldDirs = qgetenv("XDG_DATA_DIRS");
+    qunsetenv("LUMARO_EXTENSIONS_PATH");
+    qputenv("XDG_DATA_HOME", home.path().toUtf8());
+    qputenv("XDG_DATA_DIRS", ("relative/ignored:" + system.path()).toUtf8());
+
+    EXPECT_EQ(NSExtensionRegistry::searchPaths(),
+              (QStringList{home.file("lumaro/extensions"), system.file("lumaro/extensions")}));
+    NSExtensionRegistry registry;
+    const auto scan = registry.scan();
+    EXPECT_EQ(identifiers(scan), (QStringList{"com.test.shared", "com.test.systemonly"}));
+    EXPECT_EQ(scan.extensions[0]->infoDictionary().value("CFBundleDisplayName"), "User");
+    EXPECT_EQ(scan.extensions[0]->_plugIn()->platform(), 1);
+    EXPECT_TRUE(scan.problems.isEmpty());
+
+    qputenv("XDG_DATA_HOME", oldHome);
+    qputenv("XDG_DATA_DIRS", oldDirs);
+}
+
+TEST(Registry, FallbackIsUsedOnlyWhenNoSearchFolderExists) {
+    TempDir nothing;
+    const QByteArray oldHome = qgetenv("XDG_DATA_HOME");
+    const QByteArray oldDirs = qgetenv("XDG_DATA_DIRS");
+    const QStringList oldFallback = NSExtensionRegistry::fallbackSearchPaths();
+    qunsetenv("LUMARO_EXTENSIONS_PATH");
+    qputenv("XDG_DATA_HOME", nothing.file("home").toUtf8());
+    qputenv("XDG_DATA_DIRS", nothing.file("sys").toUtf8());
+    NSExtensionRegistry::setFallbackSearchPaths({"/fallback"});
+    EXPECT_EQ(NSExtensionRegistry::searchPaths(), QStringList{"/fallback"});
+    QDir().mkpath(nothing.file("sys/lumaro/extensions"));
+    EXPECT_EQ(NSExtensionRegistry::searchPaths(),
+              (QStringList{nothing.file("home/lumaro/extensions"),
+                           nothing.file("sys/lumaro/extensions")}));
+    {
+        ScopedSearchPath explicitPath({"/a", "/b"});
+        EXPECT_EQ(NSExtensionRegistry::searchPaths(), (QStringList{"/a", "/b"}));
+    }
+    NSExtensionRegistry::setFallbackSearchPaths(oldFallback);
+    qputenv("XDG_DATA_HOME", oldHome);
+    qputenv("XDG_DATA_DIRS", oldDirs);
+}
+
+TEST(Manifest, RecordCarriesWhatTheManifestDeclares) {
+    TempDir dir;
+    QJsonObject object = manifest("com.test.full", QJsonObject{{"X", true}}, kTestPoint, 6, "Full");
+    QJsonObject attributes = object.value("NSExtension").toObject();
+    attributes.insert("NSExtensionContainingViewControllerClass", "SetupViewController");
+    object.insert("NSExtension", attributes);
+    object.insert("containingApplication", "/opt/apps/full");
+    const QString path = writeManifest(dir, "full.json", object);
+    NSExtensionRegistry registry;
+    const auto scan = registry.scan({dir.path()});
+    ASSERT_EQ(scan.extensions.size(), 1u);
+    const NSExtension& extension = *scan.extensions[0];
+    EXPECT_EQ(extension.extensionPointIdentifier(), kTestPoint);
+    EXPECT_EQ(extension.attributes().value("NSExtensionContainingViewControllerClass"),
+              "SetupViewController");
+    EXPECT_EQ(extension.infoDictionary().value("NSExtension").toMap(), extension.attributes());
+    EXPECT_EQ(extension.infoDictionary().value("CFBundleIdentifier"), "com.test.full");
+    EXPECT_EQ(extension._plugIn()->platform(), 6);
+    EXPECT_EQ(extension._plugIn()->containingUrl().toLocalFile(), "/opt/apps/full");
+    EXPECT_EQ(extension._plugIn()->executableUrl().toLocalFile(), dir.file("bin/setup-ui"));
+    EXPECT_EQ(extension._extensionBundle()->bundlePath(), path);
+}
+
+TEST(Manifest, SchemaValidationReportsEveryProblemWithItsPointer) {
+    QJsonObject object = manifest("", QJsonObject{{"X", QJsonObject{}}});
+    object.insert("platform", "one");
+    const QStringList problems =
+        platform::extension::validateManifestData(QJsonDocument(object).toJson());
+    EXPECT_TRUE(problems.contains("/identifier: must not be empty"))
+        << problems.join("\n").toStdString();
+    EXPECT_TRUE(problems.contains("/platform: expected integer, found string"));
+    EXPECT_TRUE(problems.contains(
+        "/NSExtension/NSExtensionActivationRule/X: expected boolean or number or string, found "
+        "object"));
+    EXPECT_EQ(problems.size(), 3);
+}
+
+TEST(Manifest, CompiledSchemaIsTheRepositorySchemaAndAcceptsTheExamples) {
+    const QString source = qEnvironmentVariable("LUMARO_SOURCE_DIR");
+    ASSERT_FALSE(source.isEmpty());
+    QFile file(source + "/platform/extension/manifest.schema.json");
+    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
+    EXPECT_EQ(QJsonDocument::fromJson(file.readAll()).object(),
+              platform::extension::manifestSchema());
+    const QDir examples(source + "/share/lumaro/extensions");
+    const QStringList files = examples.entryList({"*.json"}, QDir::Files);
+    EXPECT_GE(files.size(), 2);
+    for (const QString& name : files) {
+        EXPECT_TRUE(platform::extension::validateManifestFile(examples.filePath(name)).isEmpty())
+            << name.toStdString();
+    }
+}
+
+}  // namespace

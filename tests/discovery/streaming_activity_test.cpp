@@ -1,0 +1,150 @@
+// The streaming activity: title, the image taken at construction against activityImage, the
+// delegate hand-off and its strong ownership, and icons that are missing or not images.
+#include <gtest/gtest.h>
+
+#include <QBuffer>
+#include <QDir>
+#include <QGuiApplication>
+#include <QJsonDocument>
+
+#include "picker/LMStreamingActivity.h"
+#include "platform/appkit/NSWorkspace.h"
+#include "platform/extension/NSExtensionRegistry.h"
+#include "platform/log/os_log.h"
+#include "tests/discovery/ManifestFixture.h"
+
+using namespace lumaro::test;
+
+namespace {
+
+class RecordingDelegate : public LMStreamingActivityDelegate {
+public:
+    void performActionWithStreamingActivity(
+        const std::shared_ptr<LMStreamingActivity>& activity) override {
+        received.push_back(activity.get());
+    }
+    std::vector<LMStreamingActivity*> received;
+};
+
+class StreamingActivityTest : public ::testing::Test {
+protected:
+    // An extension whose containing application folder holds `iconBytes` as icon.png (none when
+    // empty), optionally with an Info.json naming another icon file.
+    NSExtensionPtr extension(const QByteArray& iconBytes, const QString& displayName = "Service",
+                             const QString& namedIcon = {}) {
+        const QString app = dir_.file("apps/com.test.activity");
+        QDir().mkpath(app);
+        if (!iconBytes.isEmpty()) {
+            dir_.write("apps/com.test.activity/icon.png", 0, iconBytes);
+        }
+        if (!namedIcon.isEmpty()) {
+            dir_.write("apps/com.test.activity/Info.json", 0,
+                       QJsonDocument(QJsonObject{{"CFBundleIconFile", namedIcon}}).toJson());
+        }
+        QJsonObject object = manifest("com.test.activity", {}, kTestPoint, 1, displayName);
+        if (displayName.isNull()) {
+            object.insert("infoDictionary", QJsonObject{{"CFBundleName", "PlainName"}});
+        }
+        writeManifest(dir_, "activity.json", object);
+        NSExtensionRegistry registry;
+        const auto scan = registry.scan({dir_.path()});
+        return scan.extensions.empty() ? nullptr : scan.extensions.front();
+    }
+
+    static QByteArray redIcon() {
+        QImage image(64, 32, QImage::Format_ARGB32);  // wide, to check the 16 by 16 fit
+        image.fill(Qt::red);
+        QByteArray png;
+        QBuffer buffer(&png);
+        buffer.open(QIODevice::WriteOnly);
+        image.save(&buffer, "PNG");
+        return png;
+    }
+
+    TempDir dir_;
+};
+
+TEST_F(StreamingActivityTest, ImageAtConstructionIsTheIconForNoPathAndLaterCallsGiveTheAppIcon) {
+    const NSExtensionPtr ext = extension(redIcon());
+    ASSERT_TRUE(ext);
+    const auto activity = LMStreamingActivity::initWithApplicationExtension(ext);
+    ASSERT_TRUE(activity);
+    EXPECT_EQ(activity->text(), "Service");
+    EXPECT_EQ(activity->activityTitle(), "Service");
+    EXPECT_EQ(activity->activityType(), "com.test.activity");
+    EXPECT_EQ(activity->applicationExtension(), ext);
+    EXPECT_TRUE(activity->shortcut().isEmpty());
+
+    const QImage genericIcon = NSWorkspace::sharedWorkspace()->iconForFile(QString()).scaled(
+        16, 16, Qt::KeepAspectRatio, Qt::SmoothTransformation);
+    EXPECT_EQ(activity->image().size(), QSize(16, 16));
+    EXPECT_EQ(activity->image().convertToFormat(QImage::Format_ARGB32),
+              genericIcon.convertToFormat(QImage::Format_ARGB32));
+
+    const QImage later = activity->activityImage();
+    EXPECT_EQ(later.size(), QSize(16, 16));
+    EXPECT_EQ(QColor(later.pixel(8, 8)), QColor(Qt::red));
+    EXPECT_EQ(qAlpha(later.pixel(8, 1)), 0);  // the wide icon is centred, not stretched
+    EXPECT_NE(activity->image(), later);      // construction's image is never refreshed
+
+    const auto twin = LMStreamingActivity::initWithApplicationExtension(ext);
+    EXPECT_EQ(twin->activityType(), activity->activityType());
+}
+
+TEST_F(StreamingActivityTest, NoDisplayNameGivesANilTitleEvenWithABundleName) {
+    const auto activity =
+        LMStreamingActivity::initWithApplicationExtension(extension({}, QString()));
+    ASSERT_TRUE(activity);
+    EXPECT_TRUE(activity->activityTitle().isNull());
+    EXPECT_TRUE(activity->text().isEmpty());
+}
+
+TEST_F(StreamingActivityTest, ChoosingHandsTheActivityToItsStronglyHeldDelegate) {
+    const auto activity = LMStreamingActivity::initWithApplicationExtension(extension({}));
+    activity->performAction(QVariant());  // no delegate: nothing happens
+    activity->trigger();
+
+    std::weak_ptr<RecordingDelegate> watch;
+    {
+        auto delegate = std::make_shared<RecordingDelegate>();
+        watch = delegate;
+        activity->setDelegate(delegate);
+    }
+    ASSERT_FALSE(watch.expired());  // the activity keeps its delegate alive
+    activity->performAction(QString("ignored sender"));
+    activity->trigger();  // the menu entry's action reaches the same method
+    EXPECT_EQ(watch.lock()->received,
+              (std::vector<LMStreamingActivity*>{activity.get(), activity.get()}));
+    activity->setDelegate(nullptr);
+    EXPECT_TRUE(watch.expired());
+}
+
+TEST_F(StreamingActivityTest, MissingOrBrokenIconsGiveThePlaceholderAndOneErrorLine) {
+    const QImage placeholder = NSWorkspace::placeholderIcon();
+    platform::log::LogCapture capture;
+
+    const auto garbage =
+        LMStreamingActivity::initWithApplicationExtension(extension("this is not a png"));
+    EXPECT_EQ(NSWorkspace::sharedWorkspace()->iconForFile(dir_.file("apps/com.test.activity")),
+              placeholder);
+    EXPECT_EQ(garbage->activityImage().size(), QSize(16, 16));
+
+    const auto named =
+        LMStreamingActivity::initWithApplicationExtension(extension({}, "Service", "missing.png"));
+    EXPECT_EQ(named->activityImage().size(), QSize(16, 16));
+    EXPECT_EQ(NSWorkspace::sharedWorkspace()->iconForFile(dir_.file("no/such/app")), placeholder);
+
+    size_t errors = 0;
+    for (const auto& record : capture.records()) {
+        errors += record.type == OS_LOG_TYPE_ERROR ? 1 : 0;
+    }
+    EXPECT_EQ(errors, 4u);  // two per broken icon asked twice, one for the missing folder
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    QGuiApplication app(argc, argv);
+    ::testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}
