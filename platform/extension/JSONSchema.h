@@ -10,8 +10,26 @@
 #include <QJsonObject>
 #include <QJsonValue>
 #include <QStringList>
+#include <memory>
 
 namespace platform::extension {
+
+// A schema read once into a tree that checks instances without looking keywords up again.
+class JSONSchema {
+public:
+    explicit JSONSchema(const QJsonObject& schema);
+    ~JSONSchema();
+    JSONSchema(const JSONSchema&) = delete;
+    JSONSchema& operator=(const JSONSchema&) = delete;
+
+    // As validateAgainstSchema below.
+    QStringList validate(const QJsonValue& instance) const;
+
+    struct Node;
+
+private:
+    std::unique_ptr<Node> root_;
+};
 
 // Checks `instance` against `schema` and answers one line per problem, each starting with the
 // JSON pointer of the offending value ("/" for the document itself), e.g.

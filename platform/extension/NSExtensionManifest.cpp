@@ -44,6 +44,11 @@ QString resolve(const QString& path, const QString& manifestPath) {
     return QDir::cleanPath(QFileInfo(manifestPath).absolutePath() + QLatin1Char('/') + path);
 }
 
+const JSONSchema& compiledManifestSchema() {
+    static const JSONSchema schema(manifestSchema());
+    return schema;
+}
+
 }  // namespace
 
 const QJsonObject& manifestSchema() {
@@ -115,7 +120,7 @@ QStringList validateManifestData(const QByteArray& bytes) {
     if (!document.isObject()) {
         return {QStringLiteral("/: expected object, found array")};
     }
-    return validateAgainstSchema(document.object(), manifestSchema());
+    return compiledManifestSchema().validate(document.object());
 }
 
 QStringList validateManifestFile(const QString& path) {
@@ -135,7 +140,7 @@ NSExtensionPtr extensionFromManifestData(const QByteArray& bytes, const QString&
     if (parseError.error != QJsonParseError::NoError || !document.isObject()) {
         problems = validateManifestData(bytes);  // the same wording as validation
     } else {
-        problems = validateAgainstSchema(document.object(), manifestSchema());
+        problems = compiledManifestSchema().validate(document.object());
     }
     if (!problems.isEmpty()) {
         *problem = problems.first();
