@@ -1,17 +1,41 @@
 #include "picker/LMStreamingActivity.h"
 
-#include <QGuiApplication>
-#include <QKeySequence>
 #include <QPainter>
-#include <QPixmap>
 
 #include "platform/appkit/NSWorkspace.h"
 
 namespace {
+
 constexpr int kActivityImagePoints = 16;
+
+// The menu entry's action: the sender is the activity itself (it is its own target).
+void sendToActivity(const NSMenuItemPtr& sender) {
+    if (auto* activity = dynamic_cast<LMStreamingActivity*>(sender.get())) {
+        activity->performAction(QVariant());
+    }
 }
 
-LMStreamingActivity::LMStreamingActivity() = default;
+// `icon` fitted into a 16 by 16 square, centred on transparency when it is not square.
+QImage fittedIcon(const QImage& icon) {
+    const QImage fitted = icon.scaled(kActivityImagePoints, kActivityImagePoints,
+                                      Qt::KeepAspectRatio, Qt::SmoothTransformation);
+    if (fitted.size() == QSize(kActivityImagePoints, kActivityImagePoints)) {
+        return fitted;
+    }
+    QImage square(kActivityImagePoints, kActivityImagePoints, QImage::Format_ARGB32_Premultiplied);
+    square.fill(Qt::transparent);
+    if (!fitted.isNull()) {
+        QPainter painter(&square);
+        painter.drawImage((kActivityImagePoints - fitted.width()) / 2,
+                          (kActivityImagePoints - fitted.height()) / 2, fitted);
+    }
+    return square;
+}
+
+}  // namespace
+
+LMStreamingActivity::LMStreamingActivity(const QString& title)
+    : NSMenuItem(title, &sendToActivity, QString()) {}
 
 LMStreamingActivity::~LMStreamingActivity() {
     // The delegate goes first, then the extension.
@@ -22,25 +46,20 @@ LMStreamingActivity::~LMStreamingActivity() {
 std::shared_ptr<LMStreamingActivity> LMStreamingActivity::initWithApplicationExtension(
     const NSExtensionPtr& applicationExtension) {
     // 1. The title: the display name only, never the plain bundle name.
-    const QString title =
-        applicationExtension
-            ? applicationExtension->infoDictionary().value(kCFBundleDisplayNameKey).toString()
-            : QString();
-    // 2. The menu entry: title, action performAction:, no key equivalent.
-    std::shared_ptr<LMStreamingActivity> activity(new LMStreamingActivity());
-    activity->setText(title);
-    activity->setShortcut(QKeySequence());
-    LMStreamingActivity* raw = activity.get();
-    QObject::connect(activity.get(), &QAction::triggered, activity.get(),
-                     [raw](bool /*checked*/) { raw->performAction(QVariant()); });
-    // 3. Nothing to return nil for: the entry is always made.
+    const QVariant displayName =
+        applicationExtension ? applicationExtension->infoDictionary().value(kCFBundleDisplayNameKey)
+                             : QVariant();
+    const QString title = displayName.isValid() ? displayName.toString() : QString();
+    // 2. The menu entry: title, action performAction:, empty key equivalent.
+    std::shared_ptr<LMStreamingActivity> activity(new LMStreamingActivity(title));
+    // 3. A menu item is always made here: nothing to answer nil for.
     // 4. The image, asked while the extension is not yet stored: the icon for no path.
-    activity->image_ = activity->activityImage();
-    if (qobject_cast<QGuiApplication*>(QCoreApplication::instance()) != nullptr) {
-        activity->setIcon(QIcon(QPixmap::fromImage(activity->image_)));
-    }
-    // 5. The target is the entry itself (the connection above). 6. Only now the extension.
+    activity->setImage(activity->activityImage());
+    // 5. The entry is its own target.
+    activity->setTarget(activity);
+    // 6. Only now the extension (and the identifier automation chooses it by).
     activity->applicationExtension_ = applicationExtension;
+    activity->setIdentifier(activity->activityType());
     return activity;
 }
 
@@ -48,7 +67,8 @@ void LMStreamingActivity::performAction(const QVariant& /*sender*/) {
     // Keep the delegate alive for the call even if it replaces itself meanwhile.
     const std::shared_ptr<LMStreamingActivityDelegate> delegate = delegate_;
     if (delegate) {
-        delegate->performActionWithStreamingActivity(shared_from_this());
+        delegate->performActionWithStreamingActivity(
+            std::static_pointer_cast<LMStreamingActivity>(shared_from_this()));
     }
 }
 
@@ -64,25 +84,15 @@ QString LMStreamingActivity::activityTitle() const {
     return name.isValid() ? name.toString() : QString();
 }
 
-QImage LMStreamingActivity::activityImage() const {
+std::shared_ptr<NSImage> LMStreamingActivity::activityImage() const {
     QString containingPath;
     if (applicationExtension_ && applicationExtension_->_plugIn()) {
         containingPath = applicationExtension_->_plugIn()->containingUrl().toLocalFile();
     }
-    const QImage icon = NSWorkspace::sharedWorkspace()->iconForFile(containingPath);
-    // 16 by 16 exactly: a wide or tall icon is fitted and centred on a transparent square.
-    const QImage fitted = icon.scaled(kActivityImagePoints, kActivityImagePoints,
-                                      Qt::KeepAspectRatio, Qt::SmoothTransformation);
-    if (fitted.size() == QSize(kActivityImagePoints, kActivityImagePoints)) {
-        return fitted;
-    }
-    QImage square(kActivityImagePoints, kActivityImagePoints, QImage::Format_ARGB32_Premultiplied);
-    square.fill(Qt::transparent);
-    QPainter painter(&square);
-    painter.drawImage((kActivityImagePoints - fitted.width()) / 2,
-                      (kActivityImagePoints - fitted.height()) / 2, fitted);
-    painter.end();
-    return square;
+    auto image = std::make_shared<NSImage>(
+        fittedIcon(NSWorkspace::sharedWorkspace()->iconForFile(containingPath)));
+    image->setSize(NSMakeSize(kActivityImagePoints, kActivityImagePoints));
+    return image;
 }
 
 void LMStreamingActivity::setDelegate(std::shared_ptr<LMStreamingActivityDelegate> delegate) {

@@ -1,17 +1,20 @@
 // One installed broadcast setup-UI extension as a menu entry: its display name, its containing
 // application's icon, and, when chosen, a hand-off of itself to the delegate.
 //
-// The entry is a QAction that is its own target: triggering it calls performAction. The delegate
-// is held strongly on purpose: the picker controller keeps its activities and each activity
-// keeps the controller, so both live until the controller drops its array.
+// The entry is an NSMenuItem that is its own target: its action casts the sender back to the
+// activity and calls performAction. Its identifier is the extension's identifier, so that menu
+// automation can choose it by that name. The delegate is held strongly on purpose: the picker
+// controller keeps its activities and each activity keeps the controller, so both live until the
+// controller drops its array.
 #pragma once
 
-#include <QAction>
 #include <QImage>
 #include <QString>
 #include <QVariant>
 #include <memory>
 
+#include "platform/appkit/NSImage.h"
+#include "platform/appkit/NSMenuItem.h"
 #include "platform/extension/NSExtension.h"
 
 class LMStreamingActivity;
@@ -28,8 +31,7 @@ public:
 // An empty marker class: declared beside the activity, never instantiated by the picker.
 class LMStreamingActivityKey {};
 
-class LMStreamingActivity : public QAction,
-                            public std::enable_shared_from_this<LMStreamingActivity> {
+class LMStreamingActivity : public NSMenuItem {
 public:
     // initWithApplicationExtension:. The title is the extension's display name (nil when it has
     // none); the image is taken before the extension is stored, so it is the icon for no
@@ -46,20 +48,16 @@ public:
     QString activityType() const;
     // The extension's CFBundleDisplayName; a null string when it has none.
     QString activityTitle() const;
-    // The containing application's icon, 16 by 16, asked of the workspace on every call.
-    QImage activityImage() const;
-
-    // The image the entry was given at construction.
-    const QImage& image() const { return image_; }
+    // The containing application's icon at 16 by 16 points, asked of the workspace on every call.
+    std::shared_ptr<NSImage> activityImage() const;
 
     const NSExtensionPtr& applicationExtension() const { return applicationExtension_; }
     const std::shared_ptr<LMStreamingActivityDelegate>& delegate() const { return delegate_; }
     void setDelegate(std::shared_ptr<LMStreamingActivityDelegate> delegate);
 
 private:
-    LMStreamingActivity();
+    explicit LMStreamingActivity(const QString& title);
 
-    QImage image_;
     NSExtensionPtr applicationExtension_;
     std::shared_ptr<LMStreamingActivityDelegate> delegate_;
 };

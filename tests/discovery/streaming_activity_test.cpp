@@ -1,5 +1,6 @@
 // The streaming activity: title, the image taken at construction against activityImage, the
-// delegate hand-off and its strong ownership, and icons that are missing or not images.
+// delegate hand-off and its strong ownership, the menu entry that automation chooses by the
+// extension's identifier, and icons that are missing or not images.
 #include <gtest/gtest.h>
 
 #include <QBuffer>
@@ -8,7 +9,10 @@
 #include <QJsonDocument>
 
 #include "picker/LMStreamingActivity.h"
+#include "platform/appkit/NSMenu.h"
+#include "platform/appkit/NSMenuPresenter.h"
 #include "platform/appkit/NSWorkspace.h"
+#include "platform/dispatch/dispatch.h"
 #include "platform/extension/NSExtensionRegistry.h"
 #include "platform/log/os_log.h"
 #include "tests/discovery/ManifestFixture.h"
@@ -69,23 +73,29 @@ TEST_F(StreamingActivityTest, ImageAtConstructionIsTheIconForNoPathAndLaterCalls
     ASSERT_TRUE(ext);
     const auto activity = LMStreamingActivity::initWithApplicationExtension(ext);
     ASSERT_TRUE(activity);
-    EXPECT_EQ(activity->text(), "Service");
+    EXPECT_EQ(activity->title(), "Service");
     EXPECT_EQ(activity->activityTitle(), "Service");
     EXPECT_EQ(activity->activityType(), "com.test.activity");
+    EXPECT_EQ(activity->identifier(), "com.test.activity");
     EXPECT_EQ(activity->applicationExtension(), ext);
-    EXPECT_TRUE(activity->shortcut().isEmpty());
+    EXPECT_TRUE(activity->keyEquivalent().isEmpty());
+    EXPECT_TRUE(activity->isEnabled());
 
     const QImage genericIcon = NSWorkspace::sharedWorkspace()->iconForFile(QString()).scaled(
         16, 16, Qt::KeepAspectRatio, Qt::SmoothTransformation);
-    EXPECT_EQ(activity->image().size(), QSize(16, 16));
-    EXPECT_EQ(activity->image().convertToFormat(QImage::Format_ARGB32),
-              genericIcon.convertToFormat(QImage::Format_ARGB32));
+    ASSERT_TRUE(activity->image());
+    EXPECT_EQ(activity->image()->size(), NSMakeSize(16, 16));
+    const QImage shown = activity->image()->imageRepresentation();
+    EXPECT_EQ(shown.convertToFormat(QImage::Format_ARGB32),
+              NSImage(genericIcon).imageRepresentation().convertToFormat(QImage::Format_ARGB32));
 
-    const QImage later = activity->activityImage();
+    const auto laterImage = activity->activityImage();
+    EXPECT_EQ(laterImage->size(), NSMakeSize(16, 16));
+    const QImage later = laterImage->imageRepresentation();
     EXPECT_EQ(later.size(), QSize(16, 16));
     EXPECT_EQ(QColor(later.pixel(8, 8)), QColor(Qt::red));
     EXPECT_EQ(qAlpha(later.pixel(8, 1)), 0);  // the wide icon is centred, not stretched
-    EXPECT_NE(activity->image(), later);      // construction's image is never refreshed
+    EXPECT_NE(shown, later);                  // construction's image is never refreshed
 
     const auto twin = LMStreamingActivity::initWithApplicationExtension(ext);
     EXPECT_EQ(twin->activityType(), activity->activityType());
@@ -96,13 +106,13 @@ TEST_F(StreamingActivityTest, NoDisplayNameGivesANilTitleEvenWithABundleName) {
         LMStreamingActivity::initWithApplicationExtension(extension({}, QString()));
     ASSERT_TRUE(activity);
     EXPECT_TRUE(activity->activityTitle().isNull());
-    EXPECT_TRUE(activity->text().isEmpty());
+    EXPECT_TRUE(activity->title().isNull());
 }
 
 TEST_F(StreamingActivityTest, ChoosingHandsTheActivityToItsStronglyHeldDelegate) {
     const auto activity = LMStreamingActivity::initWithApplicationExtension(extension({}));
     activity->performAction(QVariant());  // no delegate: nothing happens
-    activity->trigger();
+    EXPECT_TRUE(activity->sendAction());
 
     std::weak_ptr<RecordingDelegate> watch;
     {
@@ -112,11 +122,34 @@ TEST_F(StreamingActivityTest, ChoosingHandsTheActivityToItsStronglyHeldDelegate)
     }
     ASSERT_FALSE(watch.expired());  // the activity keeps its delegate alive
     activity->performAction(QString("ignored sender"));
-    activity->trigger();  // the menu entry's action reaches the same method
+    EXPECT_TRUE(activity->sendAction());  // the menu entry's action reaches the same method
     EXPECT_EQ(watch.lock()->received,
               (std::vector<LMStreamingActivity*>{activity.get(), activity.get()}));
     activity->setDelegate(nullptr);
     EXPECT_TRUE(watch.expired());
+}
+
+TEST_F(StreamingActivityTest, AutomationChoosesTheEntryByTheExtensionIdentifier) {
+    const auto activity = LMStreamingActivity::initWithApplicationExtension(extension({}));
+    auto delegate = std::make_shared<RecordingDelegate>();
+    activity->setDelegate(delegate);
+    auto menu = NSMenu::initWithTitle("Screen Broadcast");
+    auto title = NSMenuItem::initWithTitle("Broadcast to", {}, QString());
+    title->setEnabled(false);
+    menu->setItemArray({title, activity});
+    menu->setAutoenablesItems(false);
+
+    auto presenter = std::make_shared<platform::appkit::AutomationMenuPresenter>(
+        QStringLiteral("com.test.activity"));
+    platform::appkit::NSMenuPresenter::setCurrent(presenter);
+    EXPECT_TRUE(menu->popUpMenuPositioningItem(nullptr, NSMakePoint(1, 2), nullptr));
+    platform::appkit::NSMenuPresenter::setCurrent(nullptr);
+    ASSERT_TRUE(platform::dispatch::runMainLoopUntil(
+        [&delegate] { return !delegate->received.empty(); }, 20000));
+    EXPECT_EQ(delegate->received, (std::vector<LMStreamingActivity*>{activity.get()}));
+    ASSERT_EQ(presenter->records().size(), 1u);
+    EXPECT_EQ(presenter->records()[0].chosen, 1);
+    activity->setDelegate(nullptr);
 }
 
 TEST_F(StreamingActivityTest, MissingOrBrokenIconsGiveThePlaceholderAndOneErrorLine) {
@@ -127,11 +160,11 @@ TEST_F(StreamingActivityTest, MissingOrBrokenIconsGiveThePlaceholderAndOneErrorL
         LMStreamingActivity::initWithApplicationExtension(extension("this is not a png"));
     EXPECT_EQ(NSWorkspace::sharedWorkspace()->iconForFile(dir_.file("apps/com.test.activity")),
               placeholder);
-    EXPECT_EQ(garbage->activityImage().size(), QSize(16, 16));
+    EXPECT_EQ(garbage->activityImage()->imageRepresentation().size(), QSize(16, 16));
 
     const auto named =
         LMStreamingActivity::initWithApplicationExtension(extension({}, "Service", "missing.png"));
-    EXPECT_EQ(named->activityImage().size(), QSize(16, 16));
+    EXPECT_EQ(named->activityImage()->imageRepresentation().size(), QSize(16, 16));
     EXPECT_EQ(NSWorkspace::sharedWorkspace()->iconForFile(dir_.file("no/such/app")), placeholder);
 
     size_t errors = 0;
