@@ -1,0 +1,158 @@
+#include "tests/picker/PickerFixture.h"
+
+#include <QCoreApplication>
+#include <QStringList>
+#include <QThread>
+
+#include "discovery/LMExtensions.h"
+#include "picker/LMBroadcastActivityKeys.h"
+#include "platform/dispatch/dispatch.h"
+
+namespace lumaro::test {
+
+NSExtensionItemPtr requestItem(const QVariantMap& userInfo) {
+    auto item = std::make_shared<NSExtensionItem>();
+    item->setUserInfo(userInfo);
+    return item;
+}
+
+NSExtensionItemPtr titledItem(const QString& title, const QVariant& value) {
+    return LMExtensions::itemWithTitle(title, value);
+}
+
+NSExtensionItemPtr hostInfoItem(const QVariant& hostInfo) {
+    return titledItem(LMBroadcastExtensionKeyExtensionHostInfo, hostInfo);
+}
+
+std::shared_ptr<LMBroadcastActivityViewServiceExtensionContext> makeRequest(
+    std::vector<NSExtensionItemPtr> items, const QUuid& uuid) {
+    auto context = std::make_shared<LMBroadcastActivityViewServiceExtensionContext>();
+    context->initWithInputItems(std::move(items), nullptr, uuid);
+    return context;
+}
+
+NSExtensionPtr makeExtension(const QString& identifier, const QString& displayName) {
+    QVariantMap info{{kCFBundleIdentifierKey, identifier}};
+    if (!displayName.isNull()) {
+        info.insert(kCFBundleDisplayNameKey, displayName);
+    }
+    auto plugIn = std::make_shared<NSExtensionPlugIn>(identifier, QUrl(), 1, QUrl(), QVariantMap(),
+                                                      QString());
+    return std::make_shared<NSExtension>(identifier, QVariantMap(), info, plugIn, nullptr);
+}
+
+LMStreamingActivityArray makeActivities(const QStringList& identifiers) {
+    LMStreamingActivityArray activities;
+    for (const QString& identifier : identifiers) {
+        activities.push_back(LMStreamingActivity::initWithApplicationExtension(
+            makeExtension(identifier, QStringLiteral("Service ") + identifier.section('.', -1))));
+    }
+    return activities;
+}
+
+void RecordingController::setupSingleExtensionViewWithHostBundleID(
+    const QString& hostBundleID, const QString& preferredExtension,
+    const std::shared_ptr<NSImage>& iconImage, const QString& appName,
+    const LMStreamingActivityArray& activities) {
+    if (!interceptPresentations_) {
+        LMBroadcastActivityExtensionNSViewController::setupSingleExtensionViewWithHostBundleID(
+            hostBundleID, preferredExtension, iconImage, appName, activities);
+        return;
+    }
+    {
+        std::lock_guard lock(mutex_);
+        calls_.push_back(
+            {"single", {hostBundleID, preferredExtension, appName}, activities.size()});
+        lastIcon = iconImage;
+    }
+    callCount++;
+}
+
+void RecordingController::setupActivityViewController(const QString& appName,
+                                                      const QString& hostBundleID,
+                                                      const std::shared_ptr<NSImage>& iconImage,
+                                                      const LMStreamingActivityArray& activities) {
+    if (!interceptPresentations_) {
+        LMBroadcastActivityExtensionNSViewController::setupActivityViewController(
+            appName, hostBundleID, iconImage, activities);
+        return;
+    }
+    {
+        std::lock_guard lock(mutex_);
+        calls_.push_back({"menu", {appName, hostBundleID}, activities.size()});
+        lastIcon = iconImage;
+    }
+    callCount++;
+}
+
+void RecordingController::showNotInstalledAlertWithAppName(const QString& appName,
+                                                           const QString& title,
+                                                           const QString& message) {
+    if (!interceptPresentations_) {
+        LMBroadcastActivityExtensionNSViewController::showNotInstalledAlertWithAppName(
+            appName, title, message);
+        return;
+    }
+    {
+        std::lock_guard lock(mutex_);
+        calls_.push_back({"notInstalled", {appName, title, message}, 0});
+    }
+    callCount++;
+}
+
+void RecordingController::performActionWithStreamingActivity(
+    const std::shared_ptr<LMStreamingActivity>& activity) {
+    std::lock_guard lock(mutex_);
+    performed_.push_back(activity.get());
+}
+
+std::vector<RecordingController::Call> RecordingController::calls() const {
+    std::lock_guard lock(mutex_);
+    return calls_;
+}
+
+std::vector<LMStreamingActivity*> RecordingController::performed() const {
+    std::lock_guard lock(mutex_);
+    return performed_;
+}
+
+MenuRecorder::MenuRecorder(const QString& choice)
+    : presenter_(std::make_shared<platform::appkit::AutomationMenuPresenter>(choice)),
+      state_(std::make_shared<State>()) {
+    qputenv("LUMARO_MENU_RECORD", "/dev/null");  // keep records off standard error
+    platform::appkit::NSMenuPresenter::setCurrent(presenter_);
+    platform::appkit::NSMenuPresenter::setRecordHook(
+        [state = state_](const platform::appkit::MenuRecord& record) {
+            std::lock_guard lock(state->mutex);
+            state->records.push_back(record);
+            state->onMainThread.push_back(QThread::currentThread() ==
+                                          QCoreApplication::instance()->thread());
+        });
+}
+
+MenuRecorder::~MenuRecorder() {
+    platform::appkit::NSMenuPresenter::setRecordHook({});
+    platform::appkit::NSMenuPresenter::setCurrent(nullptr);
+}
+
+std::vector<platform::appkit::MenuRecord> MenuRecorder::records() const {
+    std::lock_guard lock(state_->mutex);
+    return state_->records;
+}
+
+bool MenuRecorder::allOnMainThread() const {
+    std::lock_guard lock(state_->mutex);
+    for (bool onMain : state_->onMainThread) {
+        if (!onMain) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool MenuRecorder::waitFor(size_t count) const {
+    return platform::dispatch::runMainLoopUntil([this, count] { return records().size() >= count; },
+                                                20000);
+}
+
+}  // namespace lumaro::test
