@@ -33,6 +33,9 @@ public:
     virtual void loadView();
     // Called once after `loadView`; the default does nothing.
     virtual void viewDidLoad() {}
+    // Called when the view is shown to a host (the runtime served it as a remote view); the
+    // default does nothing.
+    virtual void viewDidAppear() {}
 
     // Children are held strongly, the parent weakly. Adding a child that has another parent
     // moves it; adding the controller itself or one of its ancestors is refused with an error

@@ -2,6 +2,7 @@
 
 #include "platform/dispatch/dispatch.h"
 #include "platform/extension/NSExtensionRegistry.h"
+#include "platform/extension/NSExtensionRequest.h"
 
 NSExtensionPlugIn::NSExtensionPlugIn(QString identifier, QUrl containingUrl, int64_t platform,
                                      QUrl executableUrl, QVariantMap plugInDictionary,
@@ -62,6 +63,7 @@ bool matches(const NSExtension& extension, const QString& pointName, const QVari
 
 void NSExtension::extensionsWithMatchingAttributes(const QVariantMap& attributes,
                                                    MatchingCompletion completion) {
+    platform::extension::useBuildTreeExtensions();
     dispatch_async(dispatch_get_global_queue(DISPATCH_QUEUE_PRIORITY_DEFAULT, 0),
                    [attributes, completion = std::move(completion)] {
                        const QVariant point = attributes.value(NSExtensionPointName);
@@ -89,6 +91,7 @@ void NSExtension::extensionsWithMatchingAttributes(const QVariantMap& attributes
 }
 
 NSExtensionPtr NSExtension::extensionWithIdentifier(const QString& identifier, NSErrorPtr* error) {
+    platform::extension::useBuildTreeExtensions();
     NSExtensionRegistry::Scan scan = NSExtensionRegistry::sharedRegistry()->scan();
     for (NSExtensionPtr& extension : scan.extensions) {
         if (extension->identifier() == identifier) {

@@ -6,6 +6,7 @@
 
 #include <QString>
 #include <QUrl>
+#include <QUuid>
 #include <QVariantList>
 #include <QVariantMap>
 #include <cstdint>
@@ -85,6 +86,13 @@ private:
 
 class NSExtension;
 using NSExtensionPtr = std::shared_ptr<NSExtension>;
+class NSExtensionItem;
+class NSExtensionContext;
+struct NSExtensionContextClass;
+class NSXPCInvocationTarget;
+namespace platform::extension {
+struct RequestTable;
+}
 
 class NSExtension {
 public:
@@ -123,7 +131,62 @@ public:
     // synchronously; an empty pointer and an error when there is none.
     static NSExtensionPtr extensionWithIdentifier(const QString& identifier, NSErrorPtr* error);
 
+    // --- Extension requests (the runtime, NSExtensionRequest.cpp). Each request runs the
+    // extension's executable as a child process linked to this one by a private peer-to-peer
+    // connection; see NSExtensionRequest.h for the protocol.
+
+    // beginExtensionRequestWithInputItems:completion: starts the executable and sends it
+    // `inputItems`. The completion runs once, on the main queue: with a fresh request identifier
+    // once the child has connected and taken its items, or with a null identifier and an error
+    // (NSExtensionRequestErrorDomain) when the executable is missing, cannot start, dies or
+    // stops before connecting, or does not connect within the start timeout.
+    using RequestBeginCompletion = std::function<void(QUuid requestIdentifier, NSErrorPtr error)>;
+    void beginExtensionRequestWithInputItems(
+        std::vector<std::shared_ptr<NSExtensionItem>> inputItems,
+        RequestBeginCompletion completion);
+
+    // setRequestCompletionBlock: — called, on the main queue, with the request identifier and the
+    // items that the extension returns with completeRequestReturningItems (an empty list for
+    // none). Replaces the block set before; requests already running use the newest block.
+    using RequestCompletionBlock =
+        std::function<void(QUuid requestIdentifier, std::vector<std::shared_ptr<NSExtensionItem>>)>;
+    void setRequestCompletionBlock(RequestCompletionBlock block);
+    // setRequestCancellationBlock: — called, on the main queue, when the extension ends a request
+    // with cancelRequestWithError.
+    using RequestCancellationBlock = std::function<void(QUuid requestIdentifier, NSErrorPtr)>;
+    void setRequestCancellationBlock(RequestCancellationBlock block);
+    // setRequestInterruptionBlock: — called, on the main queue, when the child goes away (dies,
+    // or closes its link) before it ended a running request.
+    using RequestInterruptionBlock = std::function<void(QUuid requestIdentifier)>;
+    void setRequestInterruptionBlock(RequestInterruptionBlock block);
+
+    // cancelExtensionRequestWithIdentifier: — the host ends the request: the child is stopped
+    // (terminated, then killed if it lingers) and reaped; no block is called for it.
+    void cancelExtensionRequestWithIdentifier(const QUuid& requestIdentifier);
+
+    // _extensionContextForUUID: — the host-side context of a running request: its input items,
+    // identifier and the host's end of the auxiliary connection. Empty once the request ended.
+    std::shared_ptr<NSExtensionContext> _extensionContextForUUID(const QUuid& uuid) const;
+    // The identifiers of this extension's running requests, oldest first.
+    std::vector<QUuid> _runningRequestIdentifiers() const;
+
+    // The class of the host-side contexts (default: the base NSExtensionContext, with the
+    // auxiliary protocols of the context class that the manifest names, when this process has
+    // it registered). Set before beginning a request.
+    void _setHostContextClass(const NSExtensionContextClass& cls);
+    // The object that the host exports on the auxiliary connection. Default: the host-side
+    // context itself when it is an invocation target, else nothing is exported.
+    void _setAuxiliaryExportedObject(std::shared_ptr<NSXPCInvocationTarget> object);
+
+    // How long a child may take to connect (default 10 s; tests shorten it).
+    static void _setRequestStartTimeout(int milliseconds);
+    static int _requestStartTimeout();
+
+    // The runtime's per-extension state (made on first use).
+    std::shared_ptr<platform::extension::RequestTable> _requestTable() const;
+
 private:
+    mutable std::shared_ptr<platform::extension::RequestTable> requestTable_;
     QString identifier_;
     QString extensionPointIdentifier_;
     QVariantMap attributes_;

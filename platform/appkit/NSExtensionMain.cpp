@@ -1,0 +1,190 @@
+#include "platform/appkit/NSExtensionMain.h"
+
+#include <signal.h>
+#include <sys/prctl.h>
+#include <unistd.h>
+
+#include <QApplication>
+#include <QWidget>
+#include <cstdio>
+#include <vector>
+
+#include "platform/appkit/NSStoryboard.h"
+#include "platform/appkit/NSViewController.h"
+#include "platform/dispatch/dispatch.h"
+#include "platform/extension/NSExtensionRequest.h"
+#include "platform/log/os_log.h"
+#include "platform/xpc/NSXPCConnection.h"
+
+namespace {
+
+using platform::extension::RemoteViewAnswer;
+using platform::extension::RemoteViewReply;
+
+// Accepts the one peer of a remote view's listener: the host's remote view controller.
+class RemoteViewDelegate : public NSXPCListenerDelegate {
+public:
+    explicit RemoteViewDelegate(std::shared_ptr<NSViewController> controller)
+        : controller_(std::move(controller)) {}
+    bool listener(NSXPCListener*, const std::shared_ptr<NSXPCConnection>& connection) override {
+        if (taken_.exchange(true)) {
+            return false;
+        }
+        auto service = std::dynamic_pointer_cast<NSServiceViewController>(controller_);
+        auto object = std::dynamic_pointer_cast<NSXPCInvocationTarget>(controller_);
+        if (service && service->exportedInterface() && object) {
+            connection->setExportedInterface(service->exportedInterface());
+            connection->setExportedObject(object);
+        }
+        return true;
+    }
+
+private:
+    std::shared_ptr<NSViewController> controller_;
+    std::atomic<bool> taken_{false};
+};
+
+struct ServedView {
+    std::shared_ptr<NSViewController> controller;
+    std::shared_ptr<RemoteViewDelegate> delegate;
+    std::unique_ptr<NSXPCListener> listener;
+};
+
+struct Extension {
+    platform::extension::Launch launch;
+    std::shared_ptr<NSExtensionContext> context;
+    std::shared_ptr<NSViewController> principal;
+    std::vector<ServedView> views;
+
+    std::shared_ptr<NSViewController> controllerFor(const QString& className) {
+        if (className.isEmpty() || (principal && className == launch.principalClass)) {
+            return principal;
+        }
+        auto controller = NSStoryboard::makeViewController(className);
+        if (controller) {
+            controller->beginRequestWithExtensionContext(context);
+        }
+        return controller;
+    }
+
+    void serveRemoteView(const QString& className, const QVariant& clientParameters,
+                         const RemoteViewReply& reply) {
+        RemoteViewAnswer answer;
+        std::shared_ptr<NSViewController> controller = controllerFor(className);
+        if (!controller) {
+            os_log_error(OS_LOG_DEFAULT, "NSExtensionMain: no view controller of class %{public}s",
+                         qPrintable(className.isEmpty() ? launch.principalClass : className));
+            answer.error = NSError::errorWithDomain(NSExtensionRequestErrorDomain,
+                                                    NSExtensionRequestNoViewControllerError);
+            reply(answer);
+            return;
+        }
+        if (auto service = std::dynamic_pointer_cast<NSServiceViewController>(controller)) {
+            service->setHostAppClientParameters(clientParameters);
+        }
+        std::shared_ptr<NSView> view = controller->view();
+        answer.size = QSizeF(view->frame().size.width, view->frame().size.height);
+        if (QWidget* widget = view->widget();
+            widget && QGuiApplication::platformName() == QLatin1String("xcb")) {
+            widget->show();  // a top-level window that the host embeds
+            answer.windowId = qint64(widget->winId());
+        }
+        ServedView served;
+        served.controller = controller;
+        served.delegate = std::make_shared<RemoteViewDelegate>(controller);
+        served.listener = NSXPCListener::anonymousListener();
+        served.listener->setDelegate(served.delegate);
+        if (served.listener->resume()) {
+            answer.endpoint = served.listener->endpoint();
+        }
+        views.push_back(std::move(served));
+        reply(answer);
+        std::weak_ptr<NSViewController> shown = controller;
+        dispatch_async(dispatch_get_main_queue(), [shown] {
+            if (auto c = shown.lock()) {
+                c->viewDidAppear();
+            }
+        });
+    }
+};
+
+}  // namespace
+
+const char* NSExtensionMainUsage() {
+    return "This program is an extension: the extension runtime starts it, one process per\n"
+           "request, and hands it the request through its environment (LUMARO_EXTENSION_*).\n"
+           "It is not meant to be run by hand.\n";
+}
+
+int NSExtensionMain(int argc, char** argv) {
+    // The host's end: the process goes with the host that started it.
+    prctl(PR_SET_PDEATHSIG, SIGTERM);
+    const pid_t parent = getppid();
+
+    QString reason;
+    const std::optional<platform::extension::Launch> launch =
+        platform::extension::launchFromEnvironment(&reason);
+    if (!launch) {
+        std::fprintf(stderr, "%s: %s\n%s", argc > 0 ? argv[0] : "extension", qPrintable(reason),
+                     NSExtensionMainUsage());
+        return 64;
+    }
+    if (parent == 1) {
+        return 1;  // the host is already gone
+    }
+    // Without a display the views are drawn off screen.
+    if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM") && qEnvironmentVariableIsEmpty("DISPLAY") &&
+        qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY")) {
+        qputenv("QT_QPA_PLATFORM", "offscreen");
+    }
+    QApplication app(argc, argv);
+    app.setQuitOnLastWindowClosed(false);
+    platform::extension::useBuildTreeExtensions();
+
+    auto extension = std::make_shared<Extension>();
+    extension->launch = *launch;
+    int status = 0;
+    std::weak_ptr<Extension> weak = extension;
+    auto process = platform::extension::ExtensionProcess::start(
+        *launch,
+        [weak](const QString& className, const QVariant& parameters, RemoteViewReply reply) {
+            if (auto self = weak.lock()) {
+                self->serveRemoteView(className, parameters, reply);
+            }
+        },
+        [weak, &status](std::shared_ptr<NSExtensionContext> context, QString why) {
+            auto self = weak.lock();
+            if (!self) {
+                return;
+            }
+            if (!context) {
+                os_log_error(OS_LOG_DEFAULT, "NSExtensionMain: the request cannot run: %{public}s",
+                             qPrintable(why));
+                status = 1;
+                return;
+            }
+            self->context = context;
+            self->principal = NSStoryboard::makeViewController(self->launch.principalClass);
+            if (!self->principal) {
+                os_log_error(OS_LOG_DEFAULT,
+                             "NSExtensionMain: the principal class %{public}s is not registered",
+                             qPrintable(self->launch.principalClass));
+                context->cancelRequestWithError(NSError::errorWithDomain(
+                    NSExtensionRequestErrorDomain, NSExtensionRequestNoViewControllerError));
+                status = 1;
+                return;
+            }
+            self->principal->beginRequestWithExtensionContext(context);
+            std::weak_ptr<NSViewController> principal = self->principal;
+            dispatch_async(dispatch_get_main_queue(), [principal] {
+                if (auto controller = principal.lock()) {
+                    controller->loadViewIfNeeded();
+                }
+            });
+        },
+        [] { QCoreApplication::exit(0); });
+    const int code = app.exec();
+    extension.reset();
+    process.reset();
+    return status != 0 ? status : code;
+}

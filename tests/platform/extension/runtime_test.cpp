@@ -1,0 +1,391 @@
+// Extension requests to real child processes: the example setup UI and the test child.
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <QFile>
+#include <QFileDevice>
+
+#include "discovery/LMExtensions.h"
+#include "platform/appkit/NSRemoteViewController.h"
+#include "platform/dispatch/dispatch.h"
+#include "platform/extension/NSExtension.h"
+#include "platform/extension/NSExtensionContext.h"
+#include "platform/extension/NSExtensionRequest.h"
+#include "platform/extension/UTType.h"
+#include "platform/foundation/NSKeyedArchiver.h"
+#include "platform/xpc/NSInvocation.h"
+#include "tests/platform/extension/TestProtocols.h"
+#include "tests/support/TempDir.h"
+
+using platform::dispatch::runMainLoopUntil;
+
+namespace {
+
+constexpr int kWaitMs = 20000;  // a bound for the waits, not a measure
+
+QString buildPath(const QString& relative) {
+    return qEnvironmentVariable("LUMARO_BUILD_DIR") + QLatin1Char('/') + relative;
+}
+
+NSExtensionPtr extensionFor(const QString& identifier, const QString& executable,
+                            const QString& principal, const QString& contextClass = {}) {
+    QVariantMap attributes{{NSExtensionPointIdentifierKey, QStringLiteral("com.example.test")},
+                           {NSExtensionPrincipalClassKey, principal}};
+    if (!contextClass.isEmpty()) {
+        attributes.insert(NSExtensionContextClassKey, contextClass);
+    }
+    auto plugIn = std::make_shared<NSExtensionPlugIn>(
+        identifier, QUrl(), 1, QUrl::fromLocalFile(executable), attributes, QString());
+    return std::make_shared<NSExtension>(
+        identifier, attributes, QVariantMap{{NSExtensionKey, attributes}}, plugIn, nullptr);
+}
+
+NSExtensionPtr setupUI(const QString& identifier = QStringLiteral("com.example.test.setupui")) {
+    return extensionFor(identifier, buildPath("programs/example-setup-ui/example-setup-ui"),
+                        QStringLiteral("ExampleSetupViewController"));
+}
+
+// The application-info item as the picker builds it: a keyed archive of the host's name,
+// bundle identifier and icon, as the one data attachment of an untitled item.
+NSExtensionItemPtr applicationInfoItem() {
+    const QVariantMap info{
+        {QStringLiteral("LMBroadcastExtensionKeyExtensionHostInfoAppName"),
+         QStringLiteral("Ödeon")},
+        {QStringLiteral("LMBroadcastExtensionKeyExtensionHostInfoBundleID"),
+         QStringLiteral("com.example.host")},
+        {QStringLiteral("LMBroadcastExtensionKeyExtensionHostInfoAppIcon"), QByteArray("PNG?")}};
+    auto item = std::make_shared<NSExtensionItem>();
+    item->setAttachments({NSItemProvider::initWithItem(
+        NSKeyedArchiver::archivedDataWithRootObject(info), kUTTypeData)});
+    return item;
+}
+
+// What a request reported.
+struct Outcome {
+    bool begun = false;
+    QUuid uuid;
+    NSErrorPtr beginError;
+    int completions = 0;
+    std::vector<NSExtensionItemPtr> items;
+    int cancellations = 0;
+    int interruptions = 0;
+};
+
+std::shared_ptr<Outcome> begin(const NSExtensionPtr& extension,
+                               std::vector<NSExtensionItemPtr> items = {applicationInfoItem()}) {
+    auto outcome = std::make_shared<Outcome>();
+    extension->setRequestCompletionBlock([outcome](QUuid, std::vector<NSExtensionItemPtr> items) {
+        ++outcome->completions;
+        outcome->items = std::move(items);
+    });
+    extension->setRequestCancellationBlock(
+        [outcome](QUuid, NSErrorPtr) { ++outcome->cancellations; });
+    extension->setRequestInterruptionBlock([outcome](QUuid) { ++outcome->interruptions; });
+    extension->beginExtensionRequestWithInputItems(std::move(items),
+                                                   [outcome](QUuid id, NSErrorPtr error) {
+                                                       outcome->begun = true;
+                                                       outcome->uuid = id;
+                                                       outcome->beginError = error;
+                                                   });
+    return outcome;
+}
+
+// Every request ended and every child reaped.
+bool allRequestsGone() {
+    return runMainLoopUntil(
+        [] {
+            return platform::extension::runningRequestCount() == 0 &&
+                   platform::extension::liveChildCount() == 0;
+        },
+        kWaitMs);
+}
+
+QVariant load(const NSItemProviderPtr& provider, NSErrorPtr* error) {
+    std::atomic<bool> done{false};
+    QVariant result;
+    provider->loadItemForTypeIdentifier(kUTTypeData, {},
+                                        [&](const QVariant& v, const NSErrorPtr& e) {
+                                            result = v;
+                                            *error = e;
+                                            done = true;
+                                        });
+    runMainLoopUntil([&] { return done.load(); }, kWaitMs);
+    return result;
+}
+
+class Runtime : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        // Children only (this process read its options at start): a child that exits right
+        // after its last reply can leave that reply's receiver to a connection thread that has
+        // already stopped, which a leak check at exit reports.
+        QByteArray options = qgetenv("ASAN_OPTIONS");
+        qputenv("ASAN_OPTIONS", options + (options.isEmpty() ? "" : ":") + "detect_leaks=0");
+    }
+    void SetUp() override {
+        qputenv("LUMARO_EXAMPLE_SETUP_MODE", "complete");
+        qputenv("LUMARO_EXAMPLE_SETUP_ACT", "loaded");
+        NSExtension::_setRequestStartTimeout(10000);
+    }
+    void TearDown() override {
+        qunsetenv("LUMARO_EXAMPLE_SETUP_MODE");
+        qunsetenv("LUMARO_EXAMPLE_SETUP_ACT");
+        qunsetenv("LUMARO_TEST_CHILD_MODE");
+        EXPECT_TRUE(allRequestsGone());
+    }
+};
+
+}  // namespace
+
+TEST(RuntimeItems, TravelWithTitleTypeDataAndUserInfo) {
+    auto titled = LMExtensions::itemWithTitle("key", QByteArray("\x00\x01value", 7));
+    titled->setUserInfo({{"n", 3}, {"url", QUrl("https://example.com/a")}});
+    auto untitled = std::make_shared<NSExtensionItem>();
+    untitled->setAttachments(
+        {NSItemProvider::initWithItem(QUrl("https://example.com/b"), "public.url")});
+    const auto decoded = platform::extension::decodeItems(
+        platform::extension::encodeItems({titled, nullptr, untitled}));
+    ASSERT_TRUE(decoded);
+    ASSERT_EQ(decoded->size(), 2u);
+    EXPECT_EQ((*decoded)[0]->attributedTitle(), "key");
+    EXPECT_EQ((*decoded)[0]->attachments()[0]->typeIdentifier(), kUTTypeData);
+    EXPECT_EQ((*decoded)[0]->userInfo().value("url").toUrl(), QUrl("https://example.com/a"));
+    NSErrorPtr error;
+    EXPECT_EQ(load((*decoded)[0]->attachments()[0], &error), QByteArray("\x00\x01value", 7));
+    EXPECT_TRUE((*decoded)[1]->attributedTitle().isNull());
+    EXPECT_EQ((*decoded)[1]->attachments()[0]->toPlainValue().value("item").toUrl(),
+              QUrl("https://example.com/b"));
+
+    EXPECT_FALSE(platform::extension::decodeItems(QByteArray("junk")));
+    EXPECT_FALSE(platform::extension::decodeItems(
+        NSKeyedArchiver::archivedDataWithRootObject(QVariantMap{{"not", "a list"}})));
+    // Entries that are not items are left out, the rest kept.
+    const auto mixed = platform::extension::decodeItems(NSKeyedArchiver::archivedDataWithRootObject(
+        QVariantList{42, QVariantMap{{"attachments", "wrong"}}, titled->toPlainValue()}));
+    ASSERT_TRUE(mixed);
+    EXPECT_EQ(mixed->size(), 1u);
+}
+
+TEST_F(Runtime, SetupUIReadsTheHostInfoAndReturnsTheFourItems) {
+    auto extension = setupUI("com.example.lumenstream.setupui");
+    auto outcome = begin(extension);
+    ASSERT_TRUE(runMainLoopUntil([&] { return outcome->begun; }, kWaitMs));
+    ASSERT_EQ(outcome->beginError, nullptr);
+    ASSERT_FALSE(outcome->uuid.isNull());
+    // The host-side context of the running request (until it ends).
+    if (auto context = extension->_extensionContextForUUID(outcome->uuid)) {
+        EXPECT_EQ(context->_UUID(), outcome->uuid);
+        EXPECT_EQ(context->inputItems().size(), 1u);
+    }
+    EXPECT_EQ(extension->_extensionContextForUUID(QUuid::createUuid()), nullptr);
+
+    ASSERT_TRUE(runMainLoopUntil([&] { return outcome->completions == 1; }, kWaitMs));
+    ASSERT_EQ(outcome->items.size(), 4u);
+    const QStringList titles{"LMBroadcastExtensionKeyExtensionBundleIdentifier",
+                             "LMBroadcastExtensionKeyBroadcastConfiguration",
+                             "LMBroadcastExtensionKeyExtensionUserInfo",
+                             "kLMBroadcastExtensionKeyExtensionServiceURL"};
+    std::vector<QVariant> values;
+    for (size_t i = 0; i < 4; ++i) {
+        EXPECT_EQ(outcome->items[i]->attributedTitle(), titles[qsizetype(i)]);
+        ASSERT_EQ(outcome->items[i]->attachments().size(), 1u);
+        NSErrorPtr error;
+        values.push_back(load(outcome->items[i]->attachments()[0], &error));
+        EXPECT_EQ(error, nullptr);
+    }
+    EXPECT_EQ(values[0].toString(), "com.example.lumenstream.broadcast");
+    const QVariantMap configuration =
+        NSKeyedUnarchiver::unarchiveObjectWithData(values[1].toByteArray()).toMap();
+    EXPECT_EQ(configuration.value("hostBundleID").toString(), "com.example.host");
+    EXPECT_EQ(values[2].toMap().value("hostAppName").toString(), "Ödeon");
+    EXPECT_TRUE(values[3].toUrl().isValid());
+    EXPECT_EQ(values[3].toUrl().host(), "live.example.com");
+    EXPECT_EQ(outcome->cancellations + outcome->interruptions, 0);
+    ASSERT_TRUE(allRequestsGone());
+    EXPECT_EQ(extension->_extensionContextForUUID(outcome->uuid), nullptr);
+}
+
+TEST_F(Runtime, CancelGivesAnEmptyListAndAFailedItemStaysUnloadable) {
+    qputenv("LUMARO_EXAMPLE_SETUP_MODE", "cancel");
+    auto cancelled = begin(setupUI());
+    ASSERT_TRUE(runMainLoopUntil([&] { return cancelled->completions == 1; }, kWaitMs));
+    EXPECT_TRUE(cancelled->items.empty());
+
+    qputenv("LUMARO_EXAMPLE_SETUP_MODE", "fail-item");
+    auto failing = begin(setupUI());
+    ASSERT_TRUE(runMainLoopUntil([&] { return failing->completions == 1; }, kWaitMs));
+    ASSERT_EQ(failing->items.size(), 4u);
+    NSErrorPtr error;
+    load(failing->items[1]->attachments()[0], &error);
+    EXPECT_NE(error, nullptr);
+    load(failing->items[0]->attachments()[0], &error);
+    EXPECT_EQ(error, nullptr);
+}
+
+TEST_F(Runtime, AuxiliaryConnectionCarriesOneWayHostMessagesInOrder) {
+    class Recorder : public NSXPCInvocationTarget {
+    public:
+        void performSelector(const QString& selector, const QVariantList& arguments) override {
+            std::lock_guard lock(mutex);
+            if (selector == lumaro::test::kNoteSelector) {
+                notes.push_back(arguments.value(0).toInt());
+            }
+        }
+        size_t count() {
+            std::lock_guard lock(mutex);
+            return notes.size();
+        }
+        std::mutex mutex;
+        std::vector<int> notes;
+    };
+    qputenv("LUMARO_TEST_CHILD_MODE", "aux");
+    auto extension = extensionFor("com.example.test.aux",
+                                  buildPath("tests/platform/extension/extension_test_child"),
+                                  "NotingController", "TestNotingContext");
+    auto recorder = std::make_shared<Recorder>();
+    extension->_setHostContextClass({[] { return std::make_shared<NSExtensionContext>(); }, nullptr,
+                                     [] {
+                                         return NSXPCInterface::interfaceWithProtocol(
+                                             lumaro::test::NoteProtocol());
+                                     }});
+    extension->_setAuxiliaryExportedObject(recorder);
+    auto outcome = begin(extension, {});
+    ASSERT_TRUE(runMainLoopUntil(
+        [&] { return recorder->count() == 20 && outcome->completions == 1; }, kWaitMs));
+    std::vector<int> expected(20);
+    std::iota(expected.begin(), expected.end(), 0);
+    EXPECT_EQ(recorder->notes, expected);
+    EXPECT_TRUE(outcome->items.empty());
+}
+
+TEST_F(Runtime, RemoteViewControllerOfARunningRequest) {
+    qputenv("LUMARO_EXAMPLE_SETUP_ACT", "shown");
+    auto extension = setupUI("com.example.remote.setupui");
+    auto outcome = begin(extension);
+    ASSERT_TRUE(runMainLoopUntil([&] { return outcome->begun; }, kWaitMs));
+    ASSERT_FALSE(outcome->uuid.isNull());
+
+    struct Answer {
+        bool done = false;
+        std::shared_ptr<NSRemoteViewController> controller;
+        NSErrorPtr error;
+    };
+    auto ask = [](std::shared_ptr<NSRemoteViewControllerParameters> parameters) {
+        auto answer = std::make_shared<Answer>();
+        NSRemoteViewController::requestViewController(
+            parameters, [answer](std::shared_ptr<NSRemoteViewController> c, NSErrorPtr e) {
+                answer->done = true;
+                answer->controller = std::move(c);
+                answer->error = std::move(e);
+            });
+        EXPECT_TRUE(runMainLoopUntil([&] { return answer->done; }, kWaitMs));
+        return answer;
+    };
+    // Not a view service, and a service with no running request.
+    auto wrong = std::make_shared<NSRemoteViewControllerParameters>();
+    wrong->setServiceBundleIdentifier("com.example.remote.setupui");
+    EXPECT_NE(ask(wrong)->error, nullptr);
+    wrong->setServiceBundleIdentifier("com.example.nothing.veilnet");
+    EXPECT_EQ(ask(wrong)->error->code(), NSExtensionRequestNotRunningError);
+
+    auto parameters = std::make_shared<NSRemoteViewControllerParameters>();
+    parameters->setServiceBundleIdentifier("com.example.remote.setupui.veilnet");
+    parameters->setServiceViewControllerClassName("ExampleSetupViewController");
+    parameters->setHostAppClientParameters(QVariantMap{{"request-identifier", outcome->uuid},
+                                                       {"isPrismApp", "NO"},
+                                                       {"view-width", 400.0},
+                                                       {"view-height", 300.0}});
+    auto answer = ask(parameters);
+    ASSERT_NE(answer->controller, nullptr);
+    EXPECT_EQ(answer->error, nullptr);
+    EXPECT_EQ(answer->controller->serviceBundleIdentifier(), "com.example.remote.setupui.veilnet");
+    EXPECT_EQ(answer->controller->view()->frame().size.width, 360);  // the service view's size
+    EXPECT_EQ(answer->controller->remoteWindowId(), 0);              // headless: a placeholder
+
+    // The service's controller got the client parameters; shown, it answers the request.
+    ASSERT_TRUE(runMainLoopUntil([&] { return outcome->completions == 1; }, kWaitMs));
+    ASSERT_EQ(outcome->items.size(), 4u);
+    NSErrorPtr error;
+    const QVariantMap userInfo = load(outcome->items[2]->attachments()[0], &error).toMap();
+    const QVariantMap received = userInfo.value("hostAppClientParameters").toMap();
+    EXPECT_EQ(received.value("request-identifier").toString(), outcome->uuid.toString());
+    EXPECT_EQ(received.value("isPrismApp").toString(), "NO");
+    EXPECT_EQ(received.value("view-width").toDouble(), 400.0);
+    EXPECT_EQ(received.value("view-height").toDouble(), 300.0);
+}
+
+TEST_F(Runtime, StartFailuresCompleteWithAnError) {
+    lumaro::test::TempDir dir;
+    auto missing = begin(extensionFor("com.example.missing", dir.file("none"), "X"));
+    const QString plain = dir.write("plain", 0, "#!/bin/sh\n");  // not executable
+    auto notExecutable = begin(extensionFor("com.example.plain", plain, "X"));
+    ASSERT_TRUE(runMainLoopUntil([&] { return missing->begun && notExecutable->begun; }, kWaitMs));
+    for (const auto& outcome : {missing, notExecutable}) {
+        EXPECT_TRUE(outcome->uuid.isNull());
+        ASSERT_NE(outcome->beginError, nullptr);
+        EXPECT_EQ(outcome->beginError->domain(), NSExtensionRequestErrorDomain);
+        EXPECT_EQ(outcome->beginError->code(), NSExtensionRequestExecutableMissingError);
+    }
+
+    // A child that dies before it connects.
+    const QString dies = dir.write("dies", 0, "#!/bin/sh\nexit 3\n");
+    QFile::setPermissions(dies, QFileDevice::ReadOwner | QFileDevice::ExeOwner);
+    auto died = begin(extensionFor("com.example.dies", dies, "X"));
+    ASSERT_TRUE(runMainLoopUntil([&] { return died->begun; }, kWaitMs));
+    ASSERT_NE(died->beginError, nullptr);
+    EXPECT_EQ(died->beginError->code(), NSExtensionRequestExitedError);
+
+    // A child that never connects: the start timeout ends it, and it is reaped.
+    qputenv("LUMARO_TEST_CHILD_MODE", "silent");
+    qputenv("LUMARO_TEST_CHILD_PIDFILE", dir.file("pid").toLocal8Bit());
+    NSExtension::_setRequestStartTimeout(300);
+    auto silent = begin(extensionFor(
+        "com.example.silent", buildPath("tests/platform/extension/extension_test_child"), "X"));
+    ASSERT_TRUE(runMainLoopUntil([&] { return silent->begun; }, kWaitMs));
+    ASSERT_NE(silent->beginError, nullptr);
+    EXPECT_EQ(silent->beginError->code(), NSExtensionRequestTimeoutError);
+    ASSERT_TRUE(allRequestsGone());
+    QFile pidFile(dir.file("pid"));
+    if (pidFile.open(QIODevice::ReadOnly)) {  // absent when the child was stopped before writing
+        const pid_t pid = pid_t(pidFile.readAll().toLongLong());
+        ASSERT_GT(pid, 0);
+        EXPECT_TRUE(
+            runMainLoopUntil([pid] { return kill(pid, 0) == -1 && errno == ESRCH; }, kWaitMs));
+    }
+    qunsetenv("LUMARO_TEST_CHILD_PIDFILE");
+    for (const auto& outcome : {missing, notExecutable, died, silent}) {
+        EXPECT_EQ(outcome->completions + outcome->cancellations + outcome->interruptions, 0);
+    }
+}
+
+TEST_F(Runtime, ChildThatCrashesOrSendsGarbageOrIsCancelledNeverReportsItems) {
+    // Crash in the middle of the request: an interruption, no completion.
+    qputenv("LUMARO_EXAMPLE_SETUP_MODE", "crash");
+    auto crashed = begin(setupUI());
+    ASSERT_TRUE(runMainLoopUntil([&] { return crashed->interruptions == 1; }, kWaitMs));
+    EXPECT_FALSE(crashed->uuid.isNull());
+
+    // Malformed messages and unreadable items: the request begins, nothing is returned.
+    qputenv("LUMARO_TEST_CHILD_MODE", "garbage");
+    auto garbage = begin(extensionFor(
+        "com.example.garbage", buildPath("tests/platform/extension/extension_test_child"), "X"));
+    ASSERT_TRUE(runMainLoopUntil([&] { return garbage->interruptions == 1; }, kWaitMs));
+    EXPECT_EQ(garbage->beginError, nullptr);
+
+    // The host ends a request that waits for its user: the child is stopped, no block runs.
+    qputenv("LUMARO_EXAMPLE_SETUP_MODE", "interactive");
+    auto extension = setupUI("com.example.waiting.setupui");
+    auto waiting = begin(extension);
+    ASSERT_TRUE(runMainLoopUntil([&] { return waiting->begun; }, kWaitMs));
+    ASSERT_FALSE(waiting->uuid.isNull());
+    EXPECT_EQ(extension->_runningRequestIdentifiers(), std::vector<QUuid>{waiting->uuid});
+    extension->cancelExtensionRequestWithIdentifier(waiting->uuid);
+    ASSERT_TRUE(allRequestsGone());
+    EXPECT_EQ(extension->_extensionContextForUUID(waiting->uuid), nullptr);
+
+    for (const auto& outcome : {crashed, garbage, waiting}) {
+        EXPECT_EQ(outcome->completions + outcome->cancellations, 0);
+    }
+    EXPECT_EQ(waiting->interruptions, 0);
+}

@@ -1,0 +1,112 @@
+// A child for the runtime's tests, chosen by LUMARO_TEST_CHILD_MODE:
+//   aux      an extension (NSExtensionMain) whose context class names a host protocol; its
+//            controller sends twenty one-way notes to the host, then completes with no items
+//   silent   never connects (writes its pid to LUMARO_TEST_CHILD_PIDFILE and sleeps)
+//   garbage  connects without the runtime and sends malformed messages, then a valid check-in
+//            and unreadable items, then exits
+#include <unistd.h>
+
+#include <QCoreApplication>
+#include <QDBusConnection>
+#include <QDBusMessage>
+#include <QFile>
+#include <QThread>
+
+#include "platform/appkit/NSExtensionMain.h"
+#include "platform/appkit/NSStoryboard.h"
+#include "platform/appkit/NSViewController.h"
+#include "platform/extension/NSExtensionContext.h"
+#include "platform/extension/NSExtensionRequest.h"
+#include "tests/platform/extension/TestProtocols.h"
+
+namespace {
+
+class NotingController : public NSServiceViewController {
+public:
+    void viewDidLoad() override {
+        auto context = extensionContext();
+        auto connection = context ? context->_auxiliaryConnection() : nullptr;
+        if (!connection) {
+            context->cancelRequestWithError(nullptr);
+            return;
+        }
+        auto proxy = connection->remoteObjectProxy();
+        for (int i = 0; i < 20; ++i) {
+            proxy->send(lumaro::test::kNoteSelector, {QVariant(i)});
+        }
+        context->completeRequestReturningItems({}, nullptr);
+    }
+};
+
+QDBusMessage call(const char* selector, const QVariantList& arguments) {
+    const NSXPCProtocolDescription& protocol = platform::extension::requestHostProtocol();
+    QDBusMessage message = QDBusMessage::createMethodCall(
+        QString(),
+        QString::fromLatin1(protocol.objectPath.data(), qsizetype(protocol.objectPath.size())),
+        QString::fromLatin1(protocol.dbusInterface.data(),
+                            qsizetype(protocol.dbusInterface.size())),
+        platform::xpc::memberForSelector(selector));
+    message.setArguments(arguments);
+    return message;
+}
+
+int garbage(int argc, char** argv) {
+    QCoreApplication app(argc, argv);
+    QDBusConnection peer = QDBusConnection::connectToPeer(
+        qEnvironmentVariable(platform::extension::kEnvRequestEndpoint), QStringLiteral("garbage"));
+    if (!peer.isConnected()) {
+        return 2;
+    }
+    using T = NSXPCType;
+    const QString uuid = qEnvironmentVariable(platform::extension::kEnvRequestIdentifier);
+    auto wire = [](const QVariantList& values, const std::vector<T>& types) {
+        return platform::xpc::toWireList(values, types).value_or(QVariantList());
+    };
+    // Unknown member, wrong signature, a foreign identifier, bytes that are no items.
+    peer.call(call("noSuchSelector:", {QStringLiteral("x")}), QDBus::Block, 2000);
+    peer.call(call("_checkInWithRequestIdentifier:reply:", {42}), QDBus::Block, 2000);
+    peer.call(call("_completeRequestReturningItems:reply:", {QByteArray("\xff\x00\x13", 3)}),
+              QDBus::Block, 2000);
+    peer.call(call("_checkInWithRequestIdentifier:reply:",
+                   wire({QUuid::createUuid().toString()}, {T::String})),
+              QDBus::Block, 500);
+    // The real check-in, then unreadable items.
+    const QDBusMessage answer =
+        peer.call(call("_checkInWithRequestIdentifier:reply:", wire({uuid}, {T::String})),
+                  QDBus::Block, 5000);
+    if (answer.type() != QDBusMessage::ReplyMessage) {
+        return 3;
+    }
+    peer.call(call("_completeRequestReturningItems:reply:",
+                   wire({QByteArray("not an archive")}, {T::Data})),
+              QDBus::Block, 2000);
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const QString mode = qEnvironmentVariable("LUMARO_TEST_CHILD_MODE");
+    if (mode == QLatin1String("silent")) {
+        QFile pidFile(qEnvironmentVariable("LUMARO_TEST_CHILD_PIDFILE"));
+        if (pidFile.open(QIODevice::WriteOnly)) {
+            pidFile.write(QByteArray::number(qint64(getpid())));
+            pidFile.close();
+        }
+        for (;;) {
+            pause();
+        }
+    }
+    if (mode == QLatin1String("garbage")) {
+        return garbage(argc, argv);
+    }
+    NSExtensionRegisterContextClass(
+        QStringLiteral("TestNotingContext"),
+        {[] { return std::make_shared<NSExtensionContext>(); }, nullptr,
+         [] {
+             return NSXPCInterface::interfaceWithProtocol(lumaro::test::NoteProtocol());
+         }});
+    NSStoryboard::registerViewControllerClass(QStringLiteral("NotingController"),
+                                              [] { return std::make_shared<NotingController>(); });
+    return NSExtensionMain(argc, argv);
+}
