@@ -5,12 +5,14 @@
 
 #include <QFile>
 #include <QFileDevice>
+#include <QFileInfo>
 
 #include "discovery/LMExtensions.h"
 #include "platform/appkit/NSRemoteViewController.h"
 #include "platform/dispatch/dispatch.h"
 #include "platform/extension/NSExtension.h"
 #include "platform/extension/NSExtensionContext.h"
+#include "platform/extension/NSExtensionRegistry.h"
 #include "platform/extension/NSExtensionRequest.h"
 #include "platform/extension/UTType.h"
 #include "platform/foundation/NSKeyedArchiver.h"
@@ -388,4 +390,39 @@ TEST_F(Runtime, ChildThatCrashesOrSendsGarbageOrIsCancelledNeverReportsItems) {
         EXPECT_EQ(outcome->completions + outcome->cancellations, 0);
     }
     EXPECT_EQ(waiting->interruptions, 0);
+}
+
+TEST_F(Runtime, BuildTreeManifestsStartTheBuiltPrograms) {
+    NSExtensionRegistry registry;
+    const NSExtensionRegistry::Scan scan = registry.scan({buildPath("share/lumaro/extensions")});
+    EXPECT_TRUE(scan.problems.isEmpty()) << scan.problems.join("\n").toStdString();
+    NSExtensionPtr picker, northwind;
+    for (const auto& extension : scan.extensions) {
+        if (extension->identifier() == "com.vantor.lumaro.broadcast-picker") {
+            picker = extension;
+        } else if (extension->identifier() == "com.example.northwind-live.setupui") {
+            northwind = extension;
+        }
+    }
+    ASSERT_NE(picker, nullptr);
+    ASSERT_NE(northwind, nullptr);
+    EXPECT_EQ(picker->extensionPointIdentifier(), "com.vantor.lumaro.view-service");
+    EXPECT_EQ(picker->attributes().value(NSExtensionPrincipalClassKey).toString(),
+              "LMBroadcastActivityExtensionNSViewController");
+    EXPECT_EQ(picker->attributes().value(NSExtensionContextClassKey).toString(),
+              "LMBroadcastActivityViewServiceExtensionContext");
+    EXPECT_TRUE(QFileInfo(picker->_plugIn()->executableUrl().toLocalFile()).isExecutable());
+    EXPECT_TRUE(QFileInfo::exists(picker->_plugIn()->containingUrl().toLocalFile() +
+                                  "/Resources/BroadcastSetup.storyboard.json"));
+
+    // The example service's record starts the built setup UI.
+    auto outcome = begin(northwind);
+    ASSERT_TRUE(runMainLoopUntil([&] { return outcome->completions == 1; }, kWaitMs));
+    EXPECT_EQ(outcome->items.size(), 4u);
+
+    // The picker's process starts, makes its context and connects; the host then ends it.
+    auto started = begin(picker, {});
+    ASSERT_TRUE(runMainLoopUntil([&] { return started->begun; }, kWaitMs));
+    ASSERT_EQ(started->beginError, nullptr);
+    picker->cancelExtensionRequestWithIdentifier(started->uuid);
 }
