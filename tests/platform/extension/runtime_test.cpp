@@ -6,6 +6,10 @@
 #include <QFile>
 #include <QFileDevice>
 #include <QFileInfo>
+#include <QProcess>
+#include <QProcessEnvironment>
+#include <algorithm>
+#include <numeric>
 
 #include "discovery/LMExtensions.h"
 #include "platform/appkit/NSRemoteViewController.h"
@@ -425,4 +429,85 @@ TEST_F(Runtime, BuildTreeManifestsStartTheBuiltPrograms) {
     ASSERT_TRUE(runMainLoopUntil([&] { return started->begun; }, kWaitMs));
     ASSERT_EQ(started->beginError, nullptr);
     picker->cancelExtensionRequestWithIdentifier(started->uuid);
+}
+
+TEST_F(Runtime, TwoRequestsAtOnceAndAViewThatCannotBeMade) {
+    qputenv("LUMARO_EXAMPLE_SETUP_MODE", "interactive");
+    auto extension = setupUI("com.example.twice.setupui");
+    auto first = begin(extension);
+    auto second = begin(extension);
+    ASSERT_TRUE(runMainLoopUntil([&] { return first->begun && second->begun; }, kWaitMs));
+    ASSERT_NE(first->uuid, second->uuid);
+    auto running = extension->_runningRequestIdentifiers();
+    std::sort(running.begin(), running.end());
+    std::vector<QUuid> expected{first->uuid, second->uuid};
+    std::sort(expected.begin(), expected.end());
+    EXPECT_EQ(running, expected);
+
+    // The child cannot make a controller of an unknown class: an error, the request runs on.
+    auto parameters = std::make_shared<NSRemoteViewControllerParameters>();
+    parameters->setServiceBundleIdentifier("com.example.twice.setupui.veilnet");
+    parameters->setExtensionIdentifier(second->uuid);
+    parameters->setServiceViewControllerClassName("NoSuchViewController");
+    bool done = false;
+    NSErrorPtr error;
+    std::shared_ptr<NSRemoteViewController> controller;
+    NSRemoteViewController::requestViewController(
+        parameters, [&](std::shared_ptr<NSRemoteViewController> c, NSErrorPtr e) {
+            done = true;
+            controller = std::move(c);
+            error = std::move(e);
+        });
+    ASSERT_TRUE(runMainLoopUntil([&] { return done; }, kWaitMs));
+    EXPECT_EQ(controller, nullptr);
+    ASSERT_NE(error, nullptr);
+    EXPECT_EQ(error->code(), NSExtensionRequestNoViewControllerError);
+
+    // The principal class of the second request answers, as its own class or by default.
+    done = false;
+    parameters->setServiceViewControllerClassName(QString());
+    NSRemoteViewController::requestViewControllerOfClass<NSRemoteViewController>(
+        QString(), "com.example.twice.setupui.veilnet",
+        [&](std::shared_ptr<NSRemoteViewController> c, NSErrorPtr e) {
+            done = true;
+            controller = std::move(c);
+            error = std::move(e);
+        });
+    ASSERT_TRUE(runMainLoopUntil([&] { return done; }, kWaitMs));
+    ASSERT_NE(controller, nullptr);
+    EXPECT_EQ(error, nullptr);
+
+    extension->cancelExtensionRequestWithIdentifier(first->uuid);
+    extension->cancelExtensionRequestWithIdentifier(second->uuid);
+    ASSERT_TRUE(allRequestsGone());
+    EXPECT_EQ(
+        first->completions + second->completions + first->interruptions + second->interruptions, 0);
+}
+
+TEST(ExtensionPrograms, ExplainThemselvesAndRefuseToRunByHand) {
+    auto run = [](const QString& program, const QStringList& arguments) {
+        QProcess process;
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.remove(platform::extension::kEnvRequestEndpoint);
+        process.setProcessEnvironment(env);
+        process.start(buildPath(program), arguments);
+        process.waitForFinished(kWaitMs);
+        return std::make_pair(process.exitCode(),
+                              QString::fromLocal8Bit(process.readAllStandardOutput() +
+                                                     process.readAllStandardError()));
+    };
+    const QString picker = "programs/lumaro-broadcast-picker/lumaro-broadcast-picker";
+    const QString setup = "programs/example-setup-ui/example-setup-ui";
+    for (const QString& program : {picker, setup}) {
+        auto [code, text] = run(program, {"--help"});
+        EXPECT_EQ(code, 0);
+        EXPECT_TRUE(text.contains("started by the extension runtime") ||
+                    text.contains("the extension runtime starts it"))
+            << text.toStdString();
+        std::tie(code, text) = run(program, {});
+        EXPECT_EQ(code, 64);
+        EXPECT_TRUE(text.contains("LUMARO_EXTENSION_ENDPOINT")) << text.toStdString();
+    }
+    EXPECT_EQ(run(setup, {"--mode=sideways"}).first, 64);
+    EXPECT_EQ(run(setup, {"--bogus"}).first, 64);
 }
