@@ -290,18 +290,12 @@ struct Request : std::enable_shared_from_this<Request> {
             const bool complete = s == kComplete;
             onMain([weak, value, complete, reply] {
                 auto self = weak.lock();
-                const bool taken = self && self->state == State::Running;
+                const bool running = self && self->state == State::Running;
+                const bool taken =
+                    running && (complete ? self->completed(value.toByteArray())
+                                         : self->cancelled(value.value<NSErrorPtr>()));
                 if (reply) {
                     reply({QVariant(taken ? 1 : 0)});
-                }
-                if (!taken) {
-                    return;
-                }
-                if (complete) {
-                    self->completed(value.toByteArray());
-                } else {
-                    self->state = State::Answered;
-                    self->cancelled(value.value<NSErrorPtr>());
                 }
             });
         }
@@ -326,14 +320,15 @@ struct Request : std::enable_shared_from_this<Request> {
         finishBegin(uuid, nullptr);
     }
 
-    void completed(const QByteArray& data) {
+    // The child's answers; false when the answer is refused (the request then runs on until
+    // the child ends it properly or goes).
+    bool completed(const QByteArray& data) {
         std::optional<std::vector<NSExtensionItemPtr>> items = decodeItems(data);
         if (!items) {
-            // Not an answer: the request runs on until the child ends it properly or goes.
             os_log_error(OS_LOG_DEFAULT,
                          "extension runtime: request %{public}s returned unreadable items",
                          qPrintable(uuid.toString()));
-            return;
+            return false;
         }
         state = State::Answered;
         NSExtension::RequestCompletionBlock block;
@@ -347,9 +342,11 @@ struct Request : std::enable_shared_from_this<Request> {
         if (block) {
             block(id, std::move(*items));
         }
+        return true;
     }
 
-    void cancelled(const NSErrorPtr& error) {
+    bool cancelled(const NSErrorPtr& error) {
+        state = State::Answered;
         NSExtension::RequestCancellationBlock block;
         {
             std::lock_guard lock(table->mutex);
@@ -359,6 +356,7 @@ struct Request : std::enable_shared_from_this<Request> {
         if (block) {
             block(uuid, error);
         }
+        return true;
     }
 
     void processEnded(int exitCode, QProcess::ExitStatus status) {

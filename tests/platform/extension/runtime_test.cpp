@@ -379,6 +379,21 @@ TEST_F(Runtime, ChildThatCrashesOrSendsGarbageOrIsCancelledNeverReportsItems) {
     ASSERT_TRUE(runMainLoopUntil([&] { return garbage->interruptions == 1; }, kWaitMs));
     EXPECT_EQ(garbage->beginError, nullptr);
 
+    // A principal class that the child does not have: the child cancels with an error.
+    auto refused = std::make_shared<NSErrorPtr>();
+    auto noPrincipal =
+        extensionFor("com.example.noprincipal",
+                     buildPath("programs/example-setup-ui/example-setup-ui"), "NoSuchController");
+    auto cancelled = begin(noPrincipal);
+    noPrincipal->setRequestCancellationBlock([cancelled, refused](QUuid, NSErrorPtr error) {
+        ++cancelled->cancellations;
+        *refused = error;
+    });
+    ASSERT_TRUE(runMainLoopUntil([&] { return cancelled->cancellations == 1; }, kWaitMs));
+    ASSERT_NE(*refused, nullptr);
+    EXPECT_EQ((*refused)->code(), NSExtensionRequestNoViewControllerError);
+    EXPECT_EQ(cancelled->completions + cancelled->interruptions, 0);
+
     // The host ends a request that waits for its user: the child is stopped, no block runs.
     qputenv("LUMARO_EXAMPLE_SETUP_MODE", "interactive");
     auto extension = setupUI("com.example.waiting.setupui");
