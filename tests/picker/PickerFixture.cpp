@@ -1,7 +1,6 @@
 #include "tests/picker/PickerFixture.h"
 
 #include <QCoreApplication>
-#include <QStringList>
 #include <QThread>
 
 #include "discovery/LMExtensions.h"
@@ -32,72 +31,66 @@ std::shared_ptr<LMBroadcastActivityViewServiceExtensionContext> makeRequest(
 }
 
 NSExtensionPtr makeExtension(const QString& identifier, const QString& displayName) {
-    QVariantMap info{{kCFBundleIdentifierKey, identifier}};
-    if (!displayName.isNull()) {
-        info.insert(kCFBundleDisplayNameKey, displayName);
-    }
+    const QVariantMap info{{kCFBundleIdentifierKey, identifier},
+                           {kCFBundleDisplayNameKey, displayName}};
     auto plugIn = std::make_shared<NSExtensionPlugIn>(identifier, QUrl(), 1, QUrl(), QVariantMap(),
                                                       QString());
     return std::make_shared<NSExtension>(identifier, QVariantMap(), info, plugIn, nullptr);
 }
 
-LMStreamingActivityArray makeActivities(const QStringList& identifiers) {
+LMStreamingActivityArray makeActivities(
+    const QStringList& identifiers, const std::shared_ptr<LMStreamingActivityDelegate>& delegate) {
     LMStreamingActivityArray activities;
     for (const QString& identifier : identifiers) {
-        activities.push_back(LMStreamingActivity::initWithApplicationExtension(
-            makeExtension(identifier, QStringLiteral("Service ") + identifier.section('.', -1))));
+        activities.push_back(
+            LMStreamingActivity::initWithApplicationExtension(makeExtension(identifier)));
+        activities.back()->setDelegate(delegate);
     }
     return activities;
+}
+
+void RecordingController::record(QStringList call) {
+    {
+        std::lock_guard lock(mutex_);
+        calls_.push_back(std::move(call));
+    }
+    callCount++;
 }
 
 void RecordingController::setupSingleExtensionViewWithHostBundleID(
     const QString& hostBundleID, const QString& preferredExtension,
     const std::shared_ptr<NSImage>& iconImage, const QString& appName,
     const LMStreamingActivityArray& activities) {
-    if (!interceptPresentations_) {
+    if (!intercept_) {
         LMBroadcastActivityExtensionNSViewController::setupSingleExtensionViewWithHostBundleID(
             hostBundleID, preferredExtension, iconImage, appName, activities);
         return;
     }
-    {
-        std::lock_guard lock(mutex_);
-        calls_.push_back(
-            {"single", {hostBundleID, preferredExtension, appName}, activities.size()});
-        lastIcon = iconImage;
-    }
-    callCount++;
+    record({"single", hostBundleID, preferredExtension, appName, QString::number(activities.size()),
+            iconImage ? "icon" : "no icon"});
 }
 
 void RecordingController::setupActivityViewController(const QString& appName,
                                                       const QString& hostBundleID,
                                                       const std::shared_ptr<NSImage>& iconImage,
                                                       const LMStreamingActivityArray& activities) {
-    if (!interceptPresentations_) {
+    if (!intercept_) {
         LMBroadcastActivityExtensionNSViewController::setupActivityViewController(
             appName, hostBundleID, iconImage, activities);
         return;
     }
-    {
-        std::lock_guard lock(mutex_);
-        calls_.push_back({"menu", {appName, hostBundleID}, activities.size()});
-        lastIcon = iconImage;
-    }
-    callCount++;
+    record({"menu", appName, hostBundleID, QString::number(activities.size())});
 }
 
 void RecordingController::showNotInstalledAlertWithAppName(const QString& appName,
                                                            const QString& title,
                                                            const QString& message) {
-    if (!interceptPresentations_) {
+    if (!intercept_) {
         LMBroadcastActivityExtensionNSViewController::showNotInstalledAlertWithAppName(
             appName, title, message);
         return;
     }
-    {
-        std::lock_guard lock(mutex_);
-        calls_.push_back({"notInstalled", {appName, title, message}, 0});
-    }
-    callCount++;
+    record({"notInstalled", appName, title, message});
 }
 
 void RecordingController::performActionWithStreamingActivity(
@@ -106,7 +99,7 @@ void RecordingController::performActionWithStreamingActivity(
     performed_.push_back(activity.get());
 }
 
-std::vector<RecordingController::Call> RecordingController::calls() const {
+std::vector<QStringList> RecordingController::calls() const {
     std::lock_guard lock(mutex_);
     return calls_;
 }
@@ -116,17 +109,15 @@ std::vector<LMStreamingActivity*> RecordingController::performed() const {
     return performed_;
 }
 
-MenuRecorder::MenuRecorder(const QString& choice)
-    : presenter_(std::make_shared<platform::appkit::AutomationMenuPresenter>(choice)),
-      state_(std::make_shared<State>()) {
+MenuRecorder::MenuRecorder(const QString& choice) {
     qputenv("LUMARO_MENU_RECORD", "/dev/null");  // keep records off standard error
-    platform::appkit::NSMenuPresenter::setCurrent(presenter_);
+    platform::appkit::NSMenuPresenter::setCurrent(
+        std::make_shared<platform::appkit::AutomationMenuPresenter>(choice));
     platform::appkit::NSMenuPresenter::setRecordHook(
         [state = state_](const platform::appkit::MenuRecord& record) {
             std::lock_guard lock(state->mutex);
             state->records.push_back(record);
-            state->onMainThread.push_back(QThread::currentThread() ==
-                                          QCoreApplication::instance()->thread());
+            state->allOnMain &= QThread::currentThread() == QCoreApplication::instance()->thread();
         });
 }
 
@@ -142,17 +133,26 @@ std::vector<platform::appkit::MenuRecord> MenuRecorder::records() const {
 
 bool MenuRecorder::allOnMainThread() const {
     std::lock_guard lock(state_->mutex);
-    for (bool onMain : state_->onMainThread) {
-        if (!onMain) {
-            return false;
-        }
-    }
-    return true;
+    return state_->allOnMain;
 }
 
 bool MenuRecorder::waitFor(size_t count) const {
     return platform::dispatch::runMainLoopUntil([this, count] { return records().size() >= count; },
                                                 20000);
+}
+
+void flushMainQueue() {
+    std::atomic<bool> flushed{false};
+    dispatch_async(dispatch_get_main_queue(), [&flushed] { flushed = true; });
+    platform::dispatch::runMainLoopUntil([&flushed] { return flushed.load(); }, 20000);
+}
+
+size_t errorCount(const platform::log::LogCapture& capture) {
+    size_t n = 0;
+    for (const auto& record : capture.records()) {
+        n += record.type == OS_LOG_TYPE_ERROR ? 1 : 0;
+    }
+    return n;
 }
 
 }  // namespace lumaro::test

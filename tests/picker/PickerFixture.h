@@ -1,9 +1,10 @@
 // Shared pieces of the picker tests: requests (a shared context with input items), extensions
-// made directly, a controller that records which presentation it chose and which activities it
-// performed, and a menu presenter that records without showing.
+// made without a registry, a controller that records what it chose and performed, and an
+// automation presenter whose menus are watched through the record hook.
 #pragma once
 
 #include <QString>
+#include <QStringList>
 #include <QVariantMap>
 #include <atomic>
 #include <memory>
@@ -16,34 +17,28 @@
 
 namespace lumaro::test {
 
-// The first input item of a request: user info with the texts and numbers of the request.
+// An input item with `userInfo`; a titled item; the host-information item.
 NSExtensionItemPtr requestItem(const QVariantMap& userInfo);
-// A titled item (one kUTTypeData attachment holding `value`).
 NSExtensionItemPtr titledItem(const QString& title, const QVariant& value);
-// A host-information item holding `hostInfo`.
 NSExtensionItemPtr hostInfoItem(const QVariant& hostInfo);
 
-// Makes a new shared context with these input items (it replaces the shared one).
+// A new shared context with these input items.
 std::shared_ptr<LMBroadcastActivityViewServiceExtensionContext> makeRequest(
     std::vector<NSExtensionItemPtr> items, const QUuid& uuid = QUuid::createUuid());
 
-// An installed extension record, made without a registry.
 NSExtensionPtr makeExtension(const QString& identifier, const QString& displayName = "Service");
-// Activities for `identifiers`, in order, with no delegate.
-LMStreamingActivityArray makeActivities(const QStringList& identifiers);
+// One activity per identifier, in order, delegated to `delegate` (none by default).
+LMStreamingActivityArray makeActivities(
+    const QStringList& identifiers,
+    const std::shared_ptr<LMStreamingActivityDelegate>& delegate = nullptr);
 
-// Records the activities performed instead of performing them, and, while
-// `interceptPresentations` is on, the presentation chosen instead of presenting it.
+// Records the activities performed instead of performing them; with `interceptPresentations`,
+// records the presentation chosen ("single", "menu", "notInstalled" and its string arguments)
+// instead of presenting.
 class RecordingController : public LMBroadcastActivityExtensionNSViewController {
 public:
     explicit RecordingController(bool interceptPresentations = true)
-        : interceptPresentations_(interceptPresentations) {}
-
-    struct Call {
-        QString method;  // "single", "menu" or "notInstalled"
-        QStringList arguments;
-        size_t activityCount = 0;
-    };
+        : intercept_(interceptPresentations) {}
     void setupSingleExtensionViewWithHostBundleID(
         const QString& hostBundleID, const QString& preferredExtension,
         const std::shared_ptr<NSImage>& iconImage, const QString& appName,
@@ -56,40 +51,39 @@ public:
     void performActionWithStreamingActivity(
         const std::shared_ptr<LMStreamingActivity>& activity) override;
 
-    std::vector<Call> calls() const;
+    std::vector<QStringList> calls() const;  // method name first, then the arguments
     std::vector<LMStreamingActivity*> performed() const;
     std::atomic<int> callCount{0};
-    std::shared_ptr<NSImage> lastIcon;
 
 private:
-    const bool interceptPresentations_;
+    void record(QStringList call);
+    const bool intercept_;
     mutable std::mutex mutex_;
-    std::vector<Call> calls_;
+    std::vector<QStringList> calls_;
     std::vector<LMStreamingActivity*> performed_;
 };
 
-// Installs an automation presenter with `choice` for the life of the object and records every
-// menu shown.
+// Installs an automation presenter choosing `choice` while alive; watches its records.
 class MenuRecorder {
 public:
     explicit MenuRecorder(const QString& choice = QStringLiteral("none"));
     ~MenuRecorder();
-    MenuRecorder(const MenuRecorder&) = delete;
-    MenuRecorder& operator=(const MenuRecorder&) = delete;
     std::vector<platform::appkit::MenuRecord> records() const;
-    // Whether every menu was presented on the main thread.
     bool allOnMainThread() const;
-    // Runs the main loop until `count` menus were shown; answers whether they were.
-    bool waitFor(size_t count) const;
+    bool waitFor(size_t count) const;  // runs the main loop until `count` menus were shown
 
 private:
     struct State {
         std::mutex mutex;
         std::vector<platform::appkit::MenuRecord> records;
-        std::vector<bool> onMainThread;
+        bool allOnMain = true;
     };
-    std::shared_ptr<platform::appkit::AutomationMenuPresenter> presenter_;
-    std::shared_ptr<State> state_;
+    std::shared_ptr<State> state_ = std::make_shared<State>();
 };
+
+// Lets everything already queued on the main queue run.
+void flushMainQueue();
+// How many error-type records `capture` holds.
+size_t errorCount(const platform::log::LogCapture& capture);
 
 }  // namespace lumaro::test

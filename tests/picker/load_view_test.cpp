@@ -1,12 +1,10 @@
-// Loading the picker's view: which form a request takes, the texts and sizes of the input-item
-// form (numbers through single precision, bad values read as 0 with an error line), and the
-// remote-parameters form with its storyboard, error lines and the embedded controller pinned to
-// the picker's view.
+// Loading the picker's view: which form a request takes, the input-item form's texts and sizes
+// (numbers through single precision, bad values read as 0 or none with an error line), and the
+// remote-parameters form: its storyboard errors and the embedded controller pinned to the view.
 #include <gtest/gtest.h>
 
 #include <QDir>
 #include <QFile>
-#include <cmath>
 #include <limits>
 
 #include "logging/LMLog.h"
@@ -15,46 +13,35 @@
 #include "platform/foundation/NSBundle.h"
 #include "platform/log/format.h"
 #include "tests/picker/PickerFixture.h"
-#include "tests/picker/PickerTestBundle.h"
 
 using namespace lumaro::test;
 
 namespace {
 
-const char* kLoadView = "-[LMBroadcastActivityExtensionNSViewController loadView]";
+const std::string kMethod = "-[LMBroadcastActivityExtensionNSViewController loadView]";
 const std::string kNoStoryboard =
-    " [ERROR] -[LMBroadcastActivityExtensionNSViewController loadView]:72 No storyboard found "
-    "matching BroadcastSetup";
-const std::string kNoChild =
-    " [ERROR] -[LMBroadcastActivityExtensionNSViewController loadView]:79 App extension view "
-    "controller failed to instantiate with extension context";
-
-QVariantMap texts() {
-    return {{kLMBroadcastActivityExtensionLedraKeyLocalizedNoService, "No service"},
-            {kLMBroadcastActivityExtensionLedraKeyLocalizedBroadcastTitle, "Broadcast %@ to"},
-            {kLMBroadcastActivityExtensionLedraKeyLocalizedFindBroadcastApps, "Find apps"}};
-}
+    " [ERROR] " + kMethod + ":72 No storyboard found matching BroadcastSetup";
+const std::string kNoChild = " [ERROR] " + kMethod +
+                             ":79 App extension view controller failed to instantiate with "
+                             "extension context";
 
 class LoadViewTest : public ::testing::Test {
 protected:
-    void SetUp() override { removeStoryboard(); }
+    void SetUp() override { QFile::remove(storyboardFile()); }
     void TearDown() override {
-        removeStoryboard();
+        QFile::remove(storyboardFile());
         LMLogSetLogLevel(1);
     }
-
     static QString storyboardFile() {
-        return pickerMainBundle() + "/Resources/BroadcastSetup.storyboard.json";
+        return qEnvironmentVariable("LUMARO_MAIN_BUNDLE") +
+               "/Resources/BroadcastSetup.storyboard.json";
     }
     static void writeStoryboard(const QByteArray& json) {
-        QDir().mkpath(pickerMainBundle() + "/Resources");
+        QDir().mkpath(qEnvironmentVariable("LUMARO_MAIN_BUNDLE") + "/Resources");
         QFile file(storyboardFile());
         ASSERT_TRUE(file.open(QIODevice::WriteOnly));
         file.write(json);
     }
-    static void removeStoryboard() { QFile::remove(storyboardFile()); }
-
-    // A controller loaded with `parameters` as its host-app client parameters.
     static std::shared_ptr<LMBroadcastActivityExtensionNSViewController> load(
         const QVariant& parameters = {}) {
         auto controller = std::make_shared<LMBroadcastActivityExtensionNSViewController>();
@@ -64,53 +51,37 @@ protected:
     }
 };
 
-TEST_F(LoadViewTest, InputItemGivesTextsAndSizesThroughSinglePrecision) {
-    QVariantMap info = texts();
-    info.insert(kLMBroadcastActivityExtensionLedraKeyWidth, "320.5");
-    info.insert(kLMBroadcastActivityExtensionLedraKeyHeight, 200.123456789);
-    makeRequest({requestItem(info)});
+TEST_F(LoadViewTest, InputItemWinsOverTheFlagAndGivesTextsAndSinglePrecisionSizes) {
+    makeRequest(
+        {requestItem({{kLMBroadcastActivityExtensionLedraKeyLocalizedNoService, "None"},
+                      {kLMBroadcastActivityExtensionLedraKeyLocalizedBroadcastTitle, "T %@"},
+                      {kLMBroadcastActivityExtensionLedraKeyLocalizedFindBroadcastApps, "Find"},
+                      {kLMBroadcastActivityExtensionLedraKeyWidth, "320.5"},
+                      {kLMBroadcastActivityExtensionLedraKeyHeight, 200.123456789}})});
     platform::log::LogCapture capture;
-    // "NO" with an input item present: the input item wins.
     const auto controller = load(QVariantMap{{"isPrismApp", "NO"}});
-
-    EXPECT_EQ(controller->localizedNoServiceMessage(), "No service");
-    EXPECT_EQ(controller->localizedBroadcastTitle(), "Broadcast %@ to");
-    EXPECT_EQ(controller->localizedFindBroadcastApps(), "Find apps");
-    const NSRect frame = controller->view()->frame();
-    EXPECT_EQ(frame.origin, NSZeroPoint);
-    EXPECT_EQ(frame.size.width, 320.5);
-    EXPECT_EQ(frame.size.height, static_cast<double>(200.123456789f));
-    EXPECT_NE(frame.size.height, 200.123456789);
+    EXPECT_EQ(controller->localizedNoServiceMessage(), "None");
+    EXPECT_EQ(controller->localizedBroadcastTitle(), "T %@");
+    EXPECT_EQ(controller->localizedFindBroadcastApps(), "Find");
+    EXPECT_EQ(controller->view()->frame(),
+              NSMakeRect(0, 0, 320.5, static_cast<double>(200.123456789f)));
     EXPECT_TRUE(controller->childViewControllers().empty());
-    const std::string info42 = platform::log::formatMessage(
-        " [INFO] %{public}s:%d %p", {kLoadView, 42, static_cast<const void*>(controller.get())});
-    EXPECT_EQ(capture.count(info42), 1u);
-    EXPECT_EQ(capture.count(kNoStoryboard), 0u);
-
-    // Level 2 drops the info line.
-    LMLogSetLogLevel(2);
-    capture.clear();
-    load();
-    EXPECT_TRUE(capture.texts().empty());
+    EXPECT_EQ(capture.texts(), std::vector<std::string>{platform::log::formatMessage(
+                                   " [INFO] %{public}s:%d %p",
+                                   {kMethod, 42, static_cast<const void*>(controller.get())})});
 }
 
 TEST_F(LoadViewTest, WithoutInputItemOnlyExactlyNOSelectsTheParameters) {
     makeRequest({});
-    const QVariant notNO[] = {
-        QVariantMap{{"isPrismApp", "no"}}, QVariantMap{{"isPrismApp", "No"}},
-        QVariantMap{{"isPrismApp", 0}},    QVariantMap{{"isPrismApp", false}},
-        QVariant(QStringLiteral("NO")),    QVariant(),
-        QVariantMap{{"view-width", 50}},
-    };
-    for (const QVariant& parameters : notNO) {
+    for (const QVariant& parameters :
+         {QVariant(QVariantMap{{"isPrismApp", "no"}}), QVariant(QVariantMap{{"isPrismApp", 0}}),
+          QVariant(QStringLiteral("NO")), QVariant()}) {
         platform::log::LogCapture capture;
         const auto controller = load(parameters);
-        EXPECT_EQ(controller->view()->frame(), NSZeroRect) << parameters.toString().toStdString();
+        EXPECT_EQ(controller->view()->frame(), NSZeroRect);
         EXPECT_TRUE(controller->localizedBroadcastTitle().isNull());
-        EXPECT_TRUE(controller->localizedNoServiceMessage().isNull());
         EXPECT_EQ(capture.count(kNoStoryboard), 0u);
     }
-
     platform::log::LogCapture capture;
     const auto controller =
         load(QVariantMap{{"isPrismApp", "NO"}, {"view-width", 400}, {"view-height", "300"}});
@@ -120,69 +91,46 @@ TEST_F(LoadViewTest, WithoutInputItemOnlyExactlyNOSelectsTheParameters) {
 }
 
 TEST_F(LoadViewTest, BadValuesReadAsZeroOrNothingWithAnErrorLine) {
-    struct Case {
-        QVariant width;
-        double expected;
-        bool error;
-    };
-    const Case cases[] = {
-        {QVariant("abc"), 0, true},
-        {QVariant(std::numeric_limits<double>::quiet_NaN()), 0, true},
-        {QVariant("nan"), 0, true},
-        {QVariant(1e300), 0, true},  // infinite once narrowed
-        {QVariant(QVariantMap{{"w", 1}}), 0, true},
-        {QVariant(" 12.5px"), 12.5, false},
-        {QVariant("-3"), -3, false},
-        {QVariant(".5e1"), 5, false},
-        {QVariant(true), 1, false},
-        {QVariant(), 0, false},
-    };
-    for (const Case& c : cases) {
-        QVariantMap info{{kLMBroadcastActivityExtensionLedraKeyWidth, c.width},
-                         {kLMBroadcastActivityExtensionLedraKeyLocalizedBroadcastTitle, 42},
-                         {kLMBroadcastActivityExtensionLedraKeyLocalizedNoService, QVariantList{}}};
-        makeRequest({requestItem(info)});
+    const std::pair<QVariant, double> widths[] = {{"abc", 0},
+                                                  {std::numeric_limits<double>::quiet_NaN(), 0},
+                                                  {"nan", 0},
+                                                  {1e300, 0},
+                                                  {QVariantMap{{"w", 1}}, 0},
+                                                  {" 12.5px", 12.5},
+                                                  {"-3", -3},
+                                                  {".5e1", 5},
+                                                  {QVariant(), 0}};
+    for (const auto& [width, expected] : widths) {
+        makeRequest(
+            {requestItem({{kLMBroadcastActivityExtensionLedraKeyWidth, width},
+                          {kLMBroadcastActivityExtensionLedraKeyLocalizedBroadcastTitle, 42}})});
         platform::log::LogCapture capture;
         const auto controller = load();
-        EXPECT_EQ(controller->view()->frame().size.width, c.expected)
-            << c.width.toString().toStdString();
-        size_t errors = 0;
-        for (const auto& record : capture.records()) {
-            errors += record.type == OS_LOG_TYPE_ERROR ? 1 : 0;
-        }
-        EXPECT_EQ(errors, (c.error ? 1u : 0u) + 2u) << c.width.toString().toStdString();
+        EXPECT_EQ(controller->view()->frame().size.width, expected)
+            << width.toString().toStdString();
+        // The title's type, and the width unless it is a number or absent.
+        EXPECT_EQ(errorCount(capture), expected != 0 || !width.isValid() ? 1u : 2u);
         EXPECT_TRUE(controller->localizedBroadcastTitle().isNull());
-        EXPECT_TRUE(controller->localizedNoServiceMessage().isNull());
     }
 }
 
-TEST_F(LoadViewTest, StoryboardErrorsLeaveTheViewEmptyAndLevelThreeSilencesThem) {
+TEST_F(LoadViewTest, StoryboardWithoutAUsableControllerLeavesTheViewEmpty) {
     makeRequest({});
     const QVariantMap parameters{{"isPrismApp", "NO"}, {"view-width", 10}, {"view-height", 20}};
-
-    writeStoryboard(R"({"initialController": "NoSuchController"})");
-    {
+    for (const QByteArray& json :
+         {QByteArray(R"({"initialController": "NoSuchController"})"), QByteArray("not json")}) {
+        writeStoryboard(json);
         platform::log::LogCapture capture;
         const auto controller = load(parameters);
         EXPECT_EQ(capture.count(kNoChild), 1u);
-        EXPECT_EQ(capture.count(kNoStoryboard), 0u);
         EXPECT_EQ(controller->view()->frame(), NSMakeRect(0, 0, 10, 20));
         EXPECT_TRUE(controller->view()->subviews().empty());
         EXPECT_TRUE(controller->childViewControllers().empty());
     }
-    writeStoryboard("this is not json");
-    {
-        platform::log::LogCapture capture;
-        load(parameters);
-        EXPECT_EQ(capture.count(kNoChild), 1u);
-    }
-    removeStoryboard();
-    LMLogSetLogLevel(3);
-    {
-        platform::log::LogCapture capture;
-        load(parameters);
-        EXPECT_EQ(capture.count(kNoStoryboard), 0u);
-    }
+    LMLogSetLogLevel(3);  // silences the error lines
+    platform::log::LogCapture capture;
+    load(parameters);
+    EXPECT_EQ(capture.count(kNoChild), 0u);
 }
 
 TEST_F(LoadViewTest, RemoteFormEmbedsTheStoryboardControllerPinnedToTheView) {
@@ -192,17 +140,13 @@ TEST_F(LoadViewTest, RemoteFormEmbedsTheStoryboardControllerPinnedToTheView) {
     ASSERT_TRUE(shipped);
     EXPECT_EQ(shipped->initialControllerClass(),
               kLMBroadcastActivityExtensionNSViewControllerClassName);
-    EXPECT_TRUE(NSStoryboard::isViewControllerClassRegistered(
-        kLMBroadcastActivityExtensionNSViewControllerClassName));
     writeStoryboard(R"({"initialController": "LMBroadcastActivityExtensionNSViewController"})");
 
-    // The request's own context, kept by the vendor; the shared context is a newer one.
+    // The request's own context is found by the vendor; the newer shared context wins anyway.
     const QUuid requestId = QUuid::createUuid();
-    const auto requestContext = makeRequest({}, requestId);
-    _NSExtensionContextVendor::_sharedExtensionContextVendor()->_setExtensionContext(
-        requestContext);
+    const auto vendor = _NSExtensionContextVendor::_sharedExtensionContextVendor();
+    vendor->_setExtensionContext(makeRequest({}, requestId));
     const auto shared = makeRequest({});
-
     for (const QVariant& id : {QVariant(requestId), QVariant(requestId.toString()), QVariant(7)}) {
         platform::log::LogCapture capture;
         const auto controller = load(QVariantMap{{"isPrismApp", "NO"},
@@ -210,42 +154,28 @@ TEST_F(LoadViewTest, RemoteFormEmbedsTheStoryboardControllerPinnedToTheView) {
                                                  {"view-height", 300},
                                                  {"request-identifier", id}});
         const auto view = controller->view();
-        EXPECT_EQ(view->frame(), NSMakeRect(0, 0, 400.25, 300));
         ASSERT_EQ(controller->childViewControllers().size(), 1u);
         const auto child = controller->childViewControllers().front();
-        EXPECT_TRUE(std::dynamic_pointer_cast<LMBroadcastActivityExtensionNSViewController>(child));
-        EXPECT_EQ(child->extensionContext(), shared);  // always the shared context
-        ASSERT_EQ(view->subviews().size(), 1u);
-        const auto childView = view->subviews().front();
-        EXPECT_EQ(childView, child->view());
-        EXPECT_FALSE(childView->translatesAutoresizingMaskIntoConstraints());
-        EXPECT_EQ(childView->frame(), view->bounds());
+        EXPECT_EQ(child->extensionContext(), shared);
+        ASSERT_EQ(view->subviews(), std::vector<std::shared_ptr<NSView>>{child->view()});
+        EXPECT_FALSE(child->view()->translatesAutoresizingMaskIntoConstraints());
+        EXPECT_EQ(child->view()->frame(), NSMakeRect(0, 0, 400.25, 300));
         view->setFrameSize(NSMakeSize(640, 480));
-        EXPECT_EQ(childView->frame(), NSMakeRect(0, 0, 640, 480));
-        EXPECT_EQ(capture.count(kNoChild), 0u);
+        EXPECT_EQ(child->view()->frame(), NSMakeRect(0, 0, 640, 480));
+        EXPECT_EQ(errorCount(capture), id.typeId() == QMetaType::Int ? 1u : 0u);
     }
-    _NSExtensionContextVendor::_sharedExtensionContextVendor()->_removeExtensionContext(requestId);
-}
+    vendor->_removeExtensionContext(requestId);
 
-TEST_F(LoadViewTest, EveryControllerAnswersTheNewestSharedContext) {
-    const auto first = makeRequest({});
-    auto fromStoryboard =
-        NSStoryboard::makeViewController(kLMBroadcastActivityExtensionNSViewControllerClassName);
-    ASSERT_TRUE(fromStoryboard);
+    // Any controller, begun with any context, answers the newest shared context.
     auto other = std::make_shared<NSExtensionContext>();
     other->initWithInputItems({}, nullptr, QUuid::createUuid());
-    fromStoryboard->beginRequestWithExtensionContext(other);
-    EXPECT_EQ(fromStoryboard->extensionContext(), first);
-
-    const auto second = makeRequest({});
-    auto picker =
-        std::static_pointer_cast<LMBroadcastActivityExtensionNSViewController>(fromStoryboard);
-    EXPECT_EQ(picker->extensionContext(), second);
-    EXPECT_EQ(picker->broadcastExtensionContext(), second);
-    EXPECT_EQ(std::make_shared<LMBroadcastActivityExtensionNSViewController>()->extensionContext(),
-              second);
-    EXPECT_EQ(picker->exportedInterface()->protocol().name,
-              "LMBroadcastActivityViewServiceHostProtocol");
+    const auto made =
+        NSStoryboard::makeViewController(kLMBroadcastActivityExtensionNSViewControllerClassName);
+    ASSERT_TRUE(made);
+    made->beginRequestWithExtensionContext(other);
+    EXPECT_EQ(made->extensionContext(), shared);
+    const auto newest = makeRequest({});
+    EXPECT_EQ(made->extensionContext(), newest);
 }
 
 }  // namespace

@@ -100,8 +100,7 @@ int main(int argc, char** argv) {
         QCoreApplication::processEvents();
         const QRect g = shown->geometry();
         report.insert(QStringLiteral("geometry"), QJsonArray{g.x(), g.y(), g.width(), g.height()});
-        QJsonArray titles;
-        QJsonArray enabled;
+        QJsonArray titles, enabled;
         for (QAction* action : shown->actions()) {
             titles.append(action->text());
             enabled.append(action->isEnabled());

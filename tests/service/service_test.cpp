@@ -1,7 +1,7 @@
-// The view service: the shared context (none before the first request, every new context
-// replacing it, also with nothing), the interfaces built once however many threads ask, the
-// host protocol's methods and type encodings, the context class as the runtime finds it by name,
-// and the empty openURL.
+// The view service: the shared context (none before the first request, replaced by every new
+// context, also by nothing), the interfaces built once whatever the thread, the host protocol's
+// methods and type encodings, the context class as the runtime finds it by name, and the empty
+// openURL.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -15,36 +15,45 @@
 namespace {
 
 using namespace BroadcastActivityViewServiceExtension;
+using Context = LMBroadcastActivityViewServiceExtensionContext;
 
 // Declared first: the shared context is empty only until the first request of the process.
 TEST(ExtensionContextTest, SharedContextIsEmptyBeforeAndReplacedByEveryNewContext) {
-    EXPECT_FALSE(LMBroadcastActivityViewServiceExtensionContext::sharedInstance());
-
-    auto first = std::make_shared<LMBroadcastActivityViewServiceExtensionContext>();
-    const auto item = std::make_shared<NSExtensionItem>();
+    EXPECT_FALSE(Context::sharedInstance());
+    auto first = std::make_shared<Context>();
     const QUuid uuid = QUuid::createUuid();
-    EXPECT_EQ(first->initWithInputItems({item}, nullptr, uuid), first);
-    EXPECT_EQ(LMBroadcastActivityViewServiceExtensionContext::sharedInstance(), first);
-    EXPECT_EQ(first->inputItems(), std::vector<NSExtensionItemPtr>{item});
+    EXPECT_EQ(first->initWithInputItems({std::make_shared<NSExtensionItem>()}, nullptr, uuid),
+              first);
+    EXPECT_EQ(Context::sharedInstance(), first);
+    EXPECT_EQ(first->inputItems().size(), 1u);
     EXPECT_EQ(first->_UUID(), uuid);
     EXPECT_FALSE(first->remoteProxy());  // no auxiliary connection
 
-    auto second = std::make_shared<LMBroadcastActivityViewServiceExtensionContext>();
+    // The runtime makes the class by name, with its two hooks.
+    const NSExtensionContextClass* cls =
+        NSExtensionLookupContextClass("LMBroadcastActivityViewServiceExtensionContext");
+    ASSERT_TRUE(cls && cls->alloc && cls->_extensionAuxiliaryHostProtocol &&
+                cls->_extensionAuxiliaryVendorProtocol);
+    EXPECT_EQ(cls->_extensionAuxiliaryHostProtocol(),
+              __LMBroadcastActivity_viewServiceHostInterface());
+    EXPECT_EQ(cls->_extensionAuxiliaryVendorProtocol(),
+              __LMBroadcastActivity_viewServiceExtensionInterface());
+    const auto second = cls->alloc();
+    ASSERT_TRUE(std::dynamic_pointer_cast<Context>(second));
     second->initWithInputItems({}, nullptr, QUuid::createUuid());
-    EXPECT_EQ(LMBroadcastActivityViewServiceExtensionContext::sharedInstance(), second);
+    EXPECT_EQ(Context::sharedInstance(), second);
 
     // A context the base cannot initialise (not held by a shared pointer) stores its nothing.
-    LMBroadcastActivityViewServiceExtensionContext unowned;
+    Context unowned;
     platform::log::LogCapture capture;
     EXPECT_FALSE(unowned.initWithInputItems({}, nullptr, QUuid::createUuid()));
-    EXPECT_FALSE(LMBroadcastActivityViewServiceExtensionContext::sharedInstance());
+    EXPECT_FALSE(Context::sharedInstance());
 }
 
 TEST(ViewServiceInterfaceTest, EachInterfaceIsBuiltOnceWhateverTheThread) {
-    constexpr int kThreads = 8;
-    std::vector<std::shared_ptr<NSXPCInterface>> hosts(kThreads), extensions(kThreads);
+    std::vector<std::shared_ptr<NSXPCInterface>> hosts(8), extensions(8);
     std::vector<std::thread> threads;
-    for (int i = 0; i < kThreads; ++i) {
+    for (size_t i = 0; i < hosts.size(); ++i) {
         threads.emplace_back([&, i] {
             hosts[i] = __LMBroadcastActivity_viewServiceHostInterface();
             extensions[i] = __LMBroadcastActivity_viewServiceExtensionInterface();
@@ -53,73 +62,50 @@ TEST(ViewServiceInterfaceTest, EachInterfaceIsBuiltOnceWhateverTheThread) {
     for (auto& thread : threads) {
         thread.join();
     }
-    ASSERT_TRUE(hosts[0]);
-    ASSERT_TRUE(extensions[0]);
+    ASSERT_TRUE(hosts[0] && extensions[0]);
     EXPECT_NE(hosts[0], extensions[0]);
-    for (int i = 0; i < kThreads; ++i) {
+    for (size_t i = 0; i < hosts.size(); ++i) {
         EXPECT_EQ(hosts[i], hosts[0]);
         EXPECT_EQ(extensions[i], extensions[0]);
     }
-    EXPECT_EQ(__LMBroadcastActivity_viewServiceHostInterface(), hosts[0]);
-    EXPECT_EQ(LMBroadcastActivityViewServiceExtensionContext::_extensionAuxiliaryHostProtocol(),
-              hosts[0]);
-    EXPECT_EQ(LMBroadcastActivityViewServiceExtensionContext::_extensionAuxiliaryVendorProtocol(),
-              extensions[0]);
+    EXPECT_EQ(Context::_extensionAuxiliaryHostProtocol(), hosts[0]);
+    EXPECT_EQ(Context::_extensionAuxiliaryVendorProtocol(), extensions[0]);
 }
 
 TEST(ViewServiceInterfaceTest, HostProtocolHasTwoOptionalOneWayMethodsAndTheExtensionNone) {
     EXPECT_EQ(kLMBroadcastActivityViewServiceProtocol, "com.vantor.lumaro.broadcast-picker");
-    const auto host = __LMBroadcastActivity_viewServiceHostInterface();
-    EXPECT_EQ(host->protocol().name, "LMBroadcastActivityViewServiceHostProtocol");
-    ASSERT_EQ(host->protocol().methods.size(), 2u);
-    const auto* sheet = host->methodForSelector("presentBroadcastActivitySheet");
-    const auto* finish = host->methodForSelector(
-        "extensionDidFinishWithLaunchURL:broadcastURL:extensionBundleID:cancelled:");
-    ASSERT_TRUE(sheet && finish);
-    EXPECT_EQ(&host->protocol().methods[0], sheet);
-    for (const auto* method : {sheet, finish}) {
-        EXPECT_TRUE(method->optional);
-        EXPECT_TRUE(method->oneway);
-        EXPECT_FALSE(method->hasReply);
+    const NSXPCProtocolDescription& host =
+        __LMBroadcastActivity_viewServiceHostInterface()->protocol();
+    EXPECT_EQ(host.name, "LMBroadcastActivityViewServiceHostProtocol");
+    ASSERT_EQ(host.methods.size(), 2u);
+    EXPECT_EQ(host.methods[0].selector, "presentBroadcastActivitySheet");
+    EXPECT_EQ(host.methods[1].selector,
+              "extensionDidFinishWithLaunchURL:broadcastURL:extensionBundleID:cancelled:");
+    for (const auto& method : host.methods) {
+        EXPECT_TRUE(method.optional && method.oneway && !method.hasReply);
     }
-    EXPECT_TRUE(sheet->arguments.empty());
-    EXPECT_EQ(finish->arguments,
+    EXPECT_TRUE(host.methods[0].arguments.empty());
+    EXPECT_EQ(host.methods[1].arguments,
               (std::vector<NSXPCType>{NSXPCType::URL, NSXPCType::URL, NSXPCType::String,
                                       NSXPCType::SignedChar}));
-    EXPECT_STREQ(LMBroadcastActivityViewServiceHostMethodTypeEncoding(sheet->selector), "Vv16@0:8");
-    EXPECT_STREQ(LMBroadcastActivityViewServiceHostMethodTypeEncoding(finish->selector),
+    EXPECT_STREQ(LMBroadcastActivityViewServiceHostMethodTypeEncoding(host.methods[0].selector),
+                 "Vv16@0:8");
+    EXPECT_STREQ(LMBroadcastActivityViewServiceHostMethodTypeEncoding(host.methods[1].selector),
                  R"(Vv44@0:8@"NSURL"16@"NSURL"24@"NSString"32c40)");
     EXPECT_EQ(LMBroadcastActivityViewServiceHostMethodTypeEncoding("openURL:"), nullptr);
-
-    const auto extension = __LMBroadcastActivity_viewServiceExtensionInterface();
-    EXPECT_EQ(extension->protocol().name, "LMBroadcastActivityViewServiceExtensionProtocol");
-    EXPECT_TRUE(extension->protocol().methods.empty());
-}
-
-TEST(ExtensionContextTest, RuntimeMakesTheClassByNameWithItsHooks) {
-    const NSExtensionContextClass* cls =
-        NSExtensionLookupContextClass("LMBroadcastActivityViewServiceExtensionContext");
-    ASSERT_NE(cls, nullptr);
-    ASSERT_TRUE(cls->alloc && cls->_extensionAuxiliaryHostProtocol &&
-                cls->_extensionAuxiliaryVendorProtocol);
-    EXPECT_EQ(cls->_extensionAuxiliaryHostProtocol(),
-              __LMBroadcastActivity_viewServiceHostInterface());
-    EXPECT_EQ(cls->_extensionAuxiliaryVendorProtocol(),
-              __LMBroadcastActivity_viewServiceExtensionInterface());
-    const auto context = cls->alloc();
-    ASSERT_TRUE(std::dynamic_pointer_cast<LMBroadcastActivityViewServiceExtensionContext>(context));
-    context->initWithInputItems({}, nullptr, QUuid::createUuid());
-    EXPECT_EQ(LMBroadcastActivityViewServiceExtensionContext::sharedInstance(), context);
+    const NSXPCProtocolDescription& extension =
+        __LMBroadcastActivity_viewServiceExtensionInterface()->protocol();
+    EXPECT_EQ(extension.name, "LMBroadcastActivityViewServiceExtensionProtocol");
+    EXPECT_TRUE(extension.methods.empty());
 }
 
 TEST(ExtensionContextTest, OpenURLNeverCompletes) {
-    auto context = std::make_shared<LMBroadcastActivityViewServiceExtensionContext>();
+    auto context = std::make_shared<Context>();
     context->initWithInputItems({}, nullptr, QUuid::createUuid());
     std::atomic<int> completions{0};
     context->openURL(QUrl("https://example.test/"), [&completions](bool) { completions++; });
     context->openURL(QUrl(), {});
-    // Let anything queued for the main queue run before looking.
-    std::atomic<bool> flushed{false};
+    std::atomic<bool> flushed{false};  // anything queued for the main queue has run after this
     dispatch_async(dispatch_get_main_queue(), [&flushed] { flushed = true; });
     platform::dispatch::runMainLoopUntil([&] { return flushed.load(); }, 20000);
     EXPECT_EQ(completions.load(), 0);
