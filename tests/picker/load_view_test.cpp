@@ -135,8 +135,7 @@ TEST_F(LoadViewTest, StoryboardWithoutAUsableControllerLeavesTheViewEmpty) {
 
 TEST_F(LoadViewTest, RemoteFormEmbedsTheStoryboardControllerPinnedToTheView) {
     const auto shipped = NSStoryboard::storyboardWithName(
-        "BroadcastSetup", NSBundle::bundleWithPath(qEnvironmentVariable("LUMARO_SOURCE_DIR") +
-                                                   "/programs/lumaro-broadcast-picker"));
+        "BroadcastSetup", NSBundle::bundleWithPath(QStringLiteral(PICKER_BUNDLE_DIR)));
     ASSERT_TRUE(shipped);
     EXPECT_EQ(shipped->initialControllerClass(),
               kLMBroadcastActivityExtensionNSViewControllerClassName);
