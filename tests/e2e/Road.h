@@ -1,0 +1,103 @@
+// The whole road across real processes: a private bus, the reference daemon, extensions
+// installed into a temporary data folder, and the host command `lumaro-broadcast pick`, which
+// starts the picker, which starts the chosen service's setup UI.
+//
+//     Road road;                                   // bus and data folder
+//     road.installService("com.test.a.setupui");   // manifests for example-setup-ui
+//     ASSERT_TRUE(road.startDaemon());
+//     auto host = road.pick({"--choose", "com.test.a.setupui"});
+//     host.outcome()["cancelled"] ...; road.daemonRequests() ...
+#pragma once
+
+#include <QJsonObject>
+#include <QList>
+#include <QProcessEnvironment>
+#include <QString>
+#include <QStringList>
+#include <functional>
+#include <memory>
+#include <utility>
+
+#include "tests/platform/xpc/TestBus.h"
+#include "tests/support/TempDir.h"
+
+namespace lumaro::test {
+
+inline const QString kSetupSelector = QStringLiteral(
+    "setupBroadcastWithHostBundleID:broadcastExtensionBundleID:broadcastConfigurationData:"
+    "userInfo:handler:");
+
+struct HostRun {
+    bool finished = false;  // false: it had to be killed (a guard, not a measurement)
+    int exitCode = -1;
+    QString standardOutput;
+    QString standardError;
+    // The outcome line on standard output, parsed (empty when there is none).
+    QJsonObject outcome() const;
+    // How many lines of standard error contain `text`.
+    int countInLog(const QString& text) const;
+};
+
+class Road {
+public:
+    Road();
+    ~Road();
+    Road(const Road&) = delete;
+    Road& operator=(const Road&) = delete;
+
+    bool busRunning() const { return bus_.isRunning(); }
+
+    // A setup-UI service, run by example-setup-ui unless told otherwise.
+    struct Service {
+        explicit Service(QString id, QString name = QStringLiteral("Example Live"),
+                         int platformNumber = 1,
+                         QString containing = QStringLiteral("ExampleSetupViewController"),
+                         QString principal = QStringLiteral("ExampleSetupViewController"),
+                         QString program = {})
+            : identifier(std::move(id)),
+              displayName(std::move(name)),
+              platform(platformNumber),
+              containingClass(std::move(containing)),
+              principalClass(std::move(principal)),
+              executable(std::move(program)) {}
+        QString identifier;
+        QString displayName;
+        int platform;  // 1 native, 6 built for Prism
+        QString containingClass;
+        QString principalClass;
+        QString executable;  // empty: the built example-setup-ui
+    };
+    void installService(const Service& service);
+    void installService(const QString& identifier) { installService(Service(identifier)); }
+    // The reference daemon, recording to daemonRecordPath(); `arguments` are added (--fail ...).
+    bool startDaemon(const QStringList& arguments = {});
+    // How example-setup-ui answers (its --mode), for every setup UI of the next runs.
+    void setSetupMode(const QString& mode) { setupMode_ = mode; }
+
+    // Runs `lumaro-broadcast pick --verbose --record menuRecordPath()` with `arguments` until it
+    // ends, or until `stopWhen` holds for what it printed so far (then it is terminated), or
+    // until `limitMs` passed (then it is killed; a guard, not a measurement).
+    HostRun pick(const QStringList& arguments,
+                 const std::function<bool(const HostRun&)>& stopWhen = {},
+                 int limitMs = 90000) const;
+
+    QString menuRecordPath() const { return dir_.file(QStringLiteral("menu.jsonl")); }
+    QList<QJsonObject> menuRecords() const;
+    QString daemonRecordPath() const { return dir_.file(QStringLiteral("daemon.jsonl")); }
+    // The requests of one selector that the daemon recorded.
+    QList<QJsonObject> daemonRequests(const QString& selector = kSetupSelector) const;
+    // The environment the host runs in (bus, data folder, no display).
+    QProcessEnvironment environment() const;
+    const TempDir& dir() const { return dir_; }
+
+private:
+    TempDir dir_;
+    PrivateBus bus_;
+    std::unique_ptr<ChildProcess> daemon_;
+    QString setupMode_ = QStringLiteral("complete");
+};
+
+// The example setup UI's broadcast extension identifier for a service.
+QString broadcastExtensionOf(const QString& serviceIdentifier);
+
+}  // namespace lumaro::test
