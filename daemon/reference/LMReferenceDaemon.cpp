@@ -4,6 +4,7 @@
 #include <QJsonDocument>
 #include <QSizeF>
 #include <QUrl>
+#include <algorithm>
 
 #include "daemon/LMDaemonProtocol.h"
 #include "platform/log/os_log.h"
@@ -211,7 +212,17 @@ void LMReferenceDaemon::handle(const std::shared_ptr<NSXPCConnection>& connectio
     const int tokenAt = tokenIndex(selector);
     if (tokenAt >= 0) {
         const QVariant token = arguments.value(tokenAt);
-        const auto check = platform::sandbox::verifyToken(token.toString().toStdString());
+        auto check = platform::sandbox::verifyToken(token.toString().toStdString());
+        // A file request's token must grant writing in the folder of the file it names.
+        if (check.valid && tokenAt > 0) {
+            const QString path = arguments.value(0).toUrl().path();
+            const QString folder = path.left(std::max<qsizetype>(path.lastIndexOf(u'/'), 1));
+            if (!platform::sandbox::tokenGrants(check, APP_SANDBOX_READ_WRITE,
+                                                folder.toStdString())) {
+                check.valid = false;
+                check.reason = "does not grant this path";
+            }
+        }
         line.insert(QStringLiteral("tokenValid"), check.valid);
         if (check.valid) {
             line.insert(QStringLiteral("tokenClass"), QString::fromStdString(check.extensionClass));

@@ -1,7 +1,10 @@
 #include "platform/xpc/NSXPCConnection.h"
 
+#include <QDBusServer>
 #include <QDBusServiceWatcher>
+#include <QDir>
 #include <QMetaObject>
+#include <QPointer>
 #include <climits>
 #include <map>
 #include <optional>
@@ -32,8 +35,15 @@ NSErrorPtr connectionError(int64_t code, const QString& why) {
     return NSError::errorWithDomain(NSCocoaErrorDomain, code, info);
 }
 
-int64_t codeForBusError(QDBusError::ErrorType type) {
-    switch (type) {
+// The error a peer answers with when its reply block was called with values that do not match the
+// interface: the caller sees the same code as for such a reply arriving.
+const QString kReplyInvalidErrorName = QStringLiteral("com.vantor.xpc.Error.ReplyInvalid");
+
+int64_t codeForBusError(const QDBusError& error) {
+    if (error.name() == kReplyInvalidErrorName) {
+        return NSXPCConnectionReplyInvalid;
+    }
+    switch (error.type()) {
         case QDBusError::NoReply:
         case QDBusError::Disconnected:
         case QDBusError::Timeout:
@@ -54,7 +64,9 @@ bool isBusHousekeeping(const QDBusMessage& message) {
 }  // namespace
 
 struct NSXPCConnection::Private {
-    enum class Kind { MachService, Peer, Accepted };
+    // MachService and Peer connect by themselves (a bus name, a listener's endpoint); Accepted
+    // shares its listener's bus, AcceptedPeer is the link a peer made to an anonymous listener.
+    enum class Kind { MachService, Peer, Accepted, AcceptedPeer };
     Kind kind = Kind::MachService;
     QString serviceName;
     QString peerAddress;
@@ -73,6 +85,8 @@ struct NSXPCConnection::Private {
 
     ConnectionThread* thread = nullptr;
     ExportedObjectAdaptor* adaptor = nullptr;
+    std::shared_ptr<platform::xpc::PendingCalls> pending =
+        std::make_shared<platform::xpc::PendingCalls>();
 };
 
 namespace platform::xpc {
@@ -89,11 +103,20 @@ void ConnectionThread::run() {
 
 CallReceiver::CallReceiver(std::weak_ptr<NSXPCConnection> connection,
                            const NSXPCMethodDescription* method, NSXPCBlock reply,
-                           NSXPCErrorHandler errorHandler)
+                           NSXPCErrorHandler errorHandler, std::shared_ptr<PendingCalls> pending)
     : connection_(std::move(connection)),
       method_(method),
       reply_(std::move(reply)),
-      errorHandler_(std::move(errorHandler)) {}
+      errorHandler_(std::move(errorHandler)),
+      pending_(std::move(pending)) {
+    std::lock_guard lock(pending_->mutex);
+    pending_->live.insert(this);
+}
+
+CallReceiver::~CallReceiver() {
+    std::lock_guard lock(pending_->mutex);
+    pending_->live.erase(this);
+}
 
 bool CallReceiver::finish() {
     if (done_) {
@@ -136,7 +159,7 @@ void CallReceiver::onReply(const QDBusMessage& reply) {
 
 void CallReceiver::onError(const QDBusError& error, const QDBusMessage&) {
     if (finish() && errorHandler_) {
-        errorHandler_(connectionError(codeForBusError(error.type()), error.message()));
+        errorHandler_(connectionError(codeForBusError(error), error.message()));
     }
 }
 
@@ -215,6 +238,15 @@ NSXPCConnection::~NSXPCConnection() {
     thread->quit();
     if (QThread::currentThread() != thread) {
         thread->wait();
+        // Calls still in flight have nobody left to tell: their receivers go with the queue.
+        std::vector<CallReceiver*> left;
+        {
+            std::lock_guard lock(d_->pending->mutex);
+            left.assign(d_->pending->live.begin(), d_->pending->live.end());
+        }
+        for (CallReceiver* receiver : left) {
+            delete receiver;
+        }
         delete d_->adaptor;
         delete thread->context;
         delete thread;
@@ -269,7 +301,10 @@ void NSXPCConnection::resume() {
         return;
     }
     d_->resumed = true;
-    if (d_->kind != Private::Kind::Accepted) {
+    if (d_->kind == Private::Kind::Accepted) {
+        return;  // the listener routes this peer's messages from its own bus
+    }
+    if (d_->kind != Private::Kind::AcceptedPeer) {
         d_->busName = QStringLiteral("lumaro-xpc-%1").arg(gBusNameCounter.fetch_add(1));
         d_->ownsBus = true;
         if (d_->kind == Private::Kind::MachService) {
@@ -282,11 +317,11 @@ void NSXPCConnection::resume() {
                          d_->kind == Private::Kind::MachService ? d_->serviceName : d_->peerAddress,
                          d_->bus->lastError().message());
         }
-        if (d_->exportedInterface && d_->exportedObject && d_->bus->isConnected()) {
-            d_->adaptor = new ExportedObjectAdaptor(weak_from_this());
-            d_->adaptor->moveToThread(d_->thread);
-            d_->bus->registerVirtualObject(d_->exportedInterface->objectPath(), d_->adaptor);
-        }
+    }
+    if (d_->exportedInterface && d_->exportedObject && d_->bus && d_->bus->isConnected()) {
+        d_->adaptor = new ExportedObjectAdaptor(weak_from_this());
+        d_->adaptor->moveToThread(d_->thread);
+        d_->bus->registerVirtualObject(d_->exportedInterface->objectPath(), d_->adaptor);
     }
 }
 
@@ -296,11 +331,26 @@ void NSXPCConnection::invalidate() {
         return;
     }
     d_->invalidated = true;
+    // Calls in flight end now, once each, on the queue (unless the queue stops first, when the
+    // connection itself goes).
+    dispatchOnQueue([pending = d_->pending] {
+        std::vector<QPointer<CallReceiver>> inFlight;
+        {
+            std::lock_guard pendingLock(pending->mutex);
+            inFlight.assign(pending->live.begin(), pending->live.end());
+        }
+        for (const auto& receiver : inFlight) {
+            // One still being handed over by its sender is not ours yet; its call fails alone.
+            if (receiver && receiver->thread() == QThread::currentThread()) {
+                receiver->fail(NSXPCConnectionInvalid, QStringLiteral("connection invalidated"));
+            }
+        }
+    });
     if (d_->bus && d_->ownsBus) {
         if (d_->adaptor != nullptr && d_->exportedInterface) {
             d_->bus->unregisterObject(d_->exportedInterface->objectPath());
         }
-        if (d_->kind == Private::Kind::Peer) {
+        if (d_->kind == Private::Kind::Peer || d_->kind == Private::Kind::AcceptedPeer) {
             QDBusConnection::disconnectFromPeer(d_->busName);
         } else {
             QDBusConnection::disconnectFromBus(d_->busName);
@@ -385,7 +435,8 @@ void NSXPCConnection::send(std::string_view selector, const QVariantList& argume
         QDBusMessage::createMethodCall(d_->serviceName, iface->objectPath(), iface->dbusInterface(),
                                        platform::xpc::memberForSelector(selector));
     message.setArguments(*wire);
-    auto* receiver = new CallReceiver(weak_from_this(), method, std::move(reply), errorHandler);
+    auto* receiver =
+        new CallReceiver(weak_from_this(), method, std::move(reply), errorHandler, d_->pending);
     receiver->moveToThread(d_->thread);
     if (!bus->callWithCallback(message, receiver, SLOT(onReply(QDBusMessage)),
                                SLOT(onError(QDBusError, QDBusMessage)), kNoTimeout)) {
@@ -446,20 +497,30 @@ void NSXPCConnection::handleIncoming(const QDBusMessage& message) {
     }
     if (method->hasReply) {
         auto once = std::make_shared<std::atomic<bool>>(false);
-        QDBusConnection replyBus = *bus;
-        NSXPCBlock block = [replyBus, message, method, once](const QVariantList& params) mutable {
+        // The block holds the connection weakly, not the link: a block kept past invalidate()
+        // must not keep a peer-to-peer link open, and it then answers nobody.
+        std::weak_ptr<NSXPCConnection> weak = weak_from_this();
+        NSXPCBlock block = [weak, message, method, once](const QVariantList& params) {
             if (once->exchange(true)) {
                 return;  // a reply block answers once
+            }
+            std::optional<QDBusConnection> replyBus;
+            if (auto self = weak.lock()) {
+                std::lock_guard lock(self->d_->mutex);
+                replyBus = self->d_->bus;
+            }
+            if (!replyBus) {
+                return;
             }
             auto wire = platform::xpc::toWireList(params, method->replyArguments);
             if (!wire) {
                 os_log_error(OS_LOG_DEFAULT, "NSXPCConnection: reply values of %s do not match",
                              std::string(method->selector));
-                replyBus.send(message.createErrorReply(
-                    QDBusError::InvalidArgs, QStringLiteral("reply values do not match")));
+                replyBus->send(message.createErrorReply(
+                    kReplyInvalidErrorName, QStringLiteral("reply values do not match")));
                 return;
             }
-            replyBus.send(message.createReply(*wire));
+            replyBus->send(message.createReply(*wire));
         };
         args->push_back(QVariant::fromValue(block));
     } else if (message.isReplyRequired()) {
@@ -474,7 +535,8 @@ void NSXPCConnection::handleIncoming(const QDBusMessage& message) {
 // --- NSXPCListener
 
 struct NSXPCListener::Private {
-    QString name;
+    QString name;  // empty: anonymous
+    QDBusServer* server = nullptr;
     std::weak_ptr<NSXPCListenerDelegate> delegate;
     std::optional<QDBusConnection> bus;
     QString busName;
@@ -494,11 +556,16 @@ NSXPCListener::NSXPCListener(QString machServiceName) : d_(std::make_unique<Priv
     d_->thread.start();
 }
 
+std::unique_ptr<NSXPCListener> NSXPCListener::anonymousListener() {
+    return std::make_unique<NSXPCListener>(QString());
+}
+
 NSXPCListener::~NSXPCListener() {
     invalidate();
     d_->thread.quit();
     d_->thread.wait();
     d_->peers.clear();
+    delete d_->server;
     delete d_->watcher;
     delete d_->adaptor;
 }
@@ -514,6 +581,25 @@ void NSXPCListener::setExportedInterface(std::shared_ptr<NSXPCInterface> interfa
 
 bool NSXPCListener::resume(QString* error) {
     std::lock_guard lock(d_->mutex);
+    if (d_->name.isEmpty()) {
+        if (d_->server != nullptr) {
+            return d_->server->isConnected();
+        }
+        // The server lives on the listener's thread: QtDBus announces each new peer there and
+        // lets its messages in only after the announcement has been handled, so the peer's
+        // exported object is in place before its first message.
+        d_->server = new QDBusServer(QStringLiteral("unix:tmpdir=") + QDir::tempPath());
+        if (!d_->server->isConnected()) {
+            if (error) {
+                *error = QStringLiteral("cannot listen: %1").arg(d_->server->lastError().message());
+            }
+            return false;
+        }
+        d_->server->moveToThread(&d_->thread);
+        QObject::connect(d_->server, &QDBusServer::newConnection, d_->server,
+                         [this](const QDBusConnection& peer) { acceptPeer(peer); });
+        return true;
+    }
     d_->busName = QStringLiteral("lumaro-xpc-listener-%1").arg(gBusNameCounter.fetch_add(1));
     d_->bus = QDBusConnection::connectToBus(QDBusConnection::SessionBus, d_->busName);
     if (!d_->bus->isConnected()) {
@@ -523,8 +609,17 @@ bool NSXPCListener::resume(QString* error) {
         }
         return false;
     }
-    if (!d_->bus->registerVirtualObject(QStringLiteral("/"), d_->adaptor,
-                                        QDBusConnection::SubPath)) {
+    // Registered from the adaptor's own thread: for a sub-path registration QtDBus gives the
+    // object a helper child, which must be made in the thread the object lives in.
+    bool registered = false;
+    QMetaObject::invokeMethod(
+        d_->adaptor,
+        [&] {
+            registered = d_->bus->registerVirtualObject(QStringLiteral("/"), d_->adaptor,
+                                                        QDBusConnection::SubPath);
+        },
+        Qt::BlockingQueuedConnection);
+    if (!registered) {
         if (error) {
             *error = QStringLiteral("cannot register the object tree");
         }
@@ -549,13 +644,70 @@ bool NSXPCListener::resume(QString* error) {
     return true;
 }
 
-void NSXPCListener::invalidate() {
+NSXPCListenerEndpoint NSXPCListener::endpoint() const {
     std::lock_guard lock(d_->mutex);
-    if (d_->bus) {
-        d_->bus->unregisterService(d_->name);
-        d_->bus->unregisterObject(QStringLiteral("/"), QDBusConnection::UnregisterTree);
+    if (d_->server == nullptr || !d_->server->isConnected()) {
+        return {};
+    }
+    return NSXPCListenerEndpoint(d_->server->address());
+}
+
+void NSXPCListener::acceptPeer(const QDBusConnection& peer) {
+    std::shared_ptr<NSXPCListenerDelegate> delegate;
+    {
+        std::lock_guard lock(d_->mutex);
+        delegate = d_->delegate.lock();
+    }
+    // Peers that went away since the last one came are dropped now.
+    std::erase_if(d_->peers, [](const auto& entry) {
+        auto& peerData = *entry.second->d_;
+        std::lock_guard peerLock(peerData.mutex);
+        return !peerData.bus || !peerData.bus->isConnected();
+    });
+    std::shared_ptr<NSXPCConnection> connection(new NSXPCConnection());
+    connection->d_->kind = NSXPCConnection::Private::Kind::AcceptedPeer;
+    connection->d_->bus = peer;
+    connection->d_->busName = peer.name();
+    connection->d_->ownsBus = true;
+    startQueue(connection.get(), *connection->d_, QStringLiteral("xpc.connection.peer"));
+    if (!delegate || !delegate->listener(this, connection)) {
+        os_log(OS_LOG_DEFAULT, "NSXPCListener: refused a peer connection");
+        return;  // the connection goes with its last reference, and the link with it
+    }
+    connection->resume();
+    d_->peers.emplace(peer.name(), connection);
+}
+
+void NSXPCListener::invalidate() {
+    QDBusServer* server = nullptr;
+    std::optional<QDBusConnection> bus;
+    {
+        // From here on route() takes no more messages, so it makes no new connections.
+        std::lock_guard lock(d_->mutex);
+        std::swap(server, d_->server);
+        std::swap(bus, d_->bus);
+    }
+    // Stop listening and end every peer's connection, on the thread that owns them. Nothing may
+    // keep a copy of the link afterwards (the watcher holds one), or it would stay open and the
+    // peers' calls in flight would wait for ever.
+    auto stop = [this, server] {
+        delete server;
+        delete d_->watcher;
+        d_->watcher = nullptr;
+        for (auto& entry : d_->peers) {
+            entry.second->invalidate();
+        }
+        d_->peers.clear();
+    };
+    if (QThread::currentThread() == &d_->thread || !d_->thread.isRunning()) {
+        stop();
+    } else {
+        QMetaObject::invokeMethod(d_->adaptor, stop, Qt::BlockingQueuedConnection);
+    }
+    if (bus) {
+        bus->unregisterService(d_->name);
+        bus->unregisterObject(QStringLiteral("/"), QDBusConnection::UnregisterTree);
         QDBusConnection::disconnectFromBus(d_->busName);
-        d_->bus.reset();
     }
 }
 

@@ -30,6 +30,7 @@
 #include "platform/xpc/NSXPCValue.h"
 
 class NSXPCConnection;
+class QDBusConnection;
 class QDBusMessage;
 class QThread;
 class QObject;
@@ -146,10 +147,14 @@ public:
                           const std::shared_ptr<NSXPCConnection>& shouldAcceptNewConnection) = 0;
 };
 
-// Owns a session-bus name and makes one connection per peer that sends it a message.
+// Either owns a session-bus name and makes one connection per peer that sends it a message, or
+// (anonymousListener) listens on a private socket of its own and makes one connection per peer
+// that connects to its endpoint with initWithListenerEndpoint:, with no bus in between.
 class NSXPCListener {
 public:
     explicit NSXPCListener(QString machServiceName);
+    // A listener without a name, reached only through its endpoint.
+    static std::unique_ptr<NSXPCListener> anonymousListener();
     ~NSXPCListener();
     NSXPCListener(const NSXPCListener&) = delete;
     NSXPCListener& operator=(const NSXPCListener&) = delete;
@@ -157,14 +162,18 @@ public:
     void setDelegate(std::weak_ptr<NSXPCListenerDelegate> delegate);
     // The interface that introspection shows (connections still choose their own).
     void setExportedInterface(std::shared_ptr<NSXPCInterface> interface);
-    // Connects to the bus and asks for the name; false (with `error` set) when either fails.
+    // Connects to the bus and asks for the name (or, anonymous, starts listening); false (with
+    // `error` set) when that fails.
     bool resume(QString* error = nullptr);
-    // Releases the name and the bus.
+    // Releases the name and the bus, or stops listening and drops every peer.
     void invalidate();
+    // Where an anonymous listener can be reached once resumed (a null endpoint otherwise).
+    NSXPCListenerEndpoint endpoint() const;
 
 private:
     friend class platform::xpc::ListenerAdaptor;
     void route(const QDBusMessage& message);
+    void acceptPeer(const QDBusConnection& peer);
     struct Private;
     std::unique_ptr<Private> d_;
 };

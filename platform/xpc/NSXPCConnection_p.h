@@ -8,6 +8,8 @@
 #include <QObject>
 #include <QThread>
 #include <memory>
+#include <mutex>
+#include <unordered_set>
 
 #include "platform/xpc/NSXPCConnection.h"
 
@@ -24,13 +26,24 @@ public:
     QObject* context = nullptr;  // lives in this thread; target of posted blocks
 };
 
+class CallReceiver;
+
+// The receivers of a connection's calls that still exist: those in flight are failed when the
+// connection is invalidated, and any left when its queue has stopped are deleted with it.
+struct PendingCalls {
+    std::mutex mutex;
+    std::unordered_set<CallReceiver*> live;
+};
+
 // Receives the outcome of one call, on the connection's queue. Exactly one of the reply, the
 // error or a local failure is acted on; the object then deletes itself.
 class CallReceiver final : public QObject {
     Q_OBJECT
 public:
     CallReceiver(std::weak_ptr<NSXPCConnection> connection, const NSXPCMethodDescription* method,
-                 NSXPCBlock reply, NSXPCErrorHandler errorHandler);
+                 NSXPCBlock reply, NSXPCErrorHandler errorHandler,
+                 std::shared_ptr<PendingCalls> pending);
+    ~CallReceiver() override;
 
     void fail(int64_t code, const QString& why);
 
@@ -44,6 +57,7 @@ private:
     const NSXPCMethodDescription* method_;
     NSXPCBlock reply_;
     NSXPCErrorHandler errorHandler_;
+    std::shared_ptr<PendingCalls> pending_;
     bool done_ = false;
 };
 

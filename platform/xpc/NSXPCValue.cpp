@@ -6,6 +6,8 @@
 #include <QDBusMetaType>
 #include <QDBusVariant>
 #include <QStringList>
+#include <cmath>
+#include <limits>
 #include <mutex>
 
 namespace platform::xpc {
@@ -31,6 +33,30 @@ bool isNumeric(const QVariant& v) {
             return true;
         default:
             return false;
+    }
+}
+
+// Whether a number is an integer within [low, high] (a double only when it is whole).
+bool fitsIn(const QVariant& v, int64_t low, int64_t high) {
+    if (!isNumeric(v)) {
+        return false;
+    }
+    switch (v.typeId()) {
+        case QMetaType::ULongLong:
+        case QMetaType::ULong: {
+            const qulonglong u = v.toULongLong();
+            return high >= 0 && u <= static_cast<qulonglong>(high);
+        }
+        case QMetaType::Double:
+        case QMetaType::Float: {
+            const double d = v.toDouble();
+            return std::trunc(d) == d && d >= static_cast<double>(low) &&
+                   d < static_cast<double>(high) + 1.0;
+        }
+        default: {
+            const qlonglong x = v.toLongLong();
+            return x >= low && x <= high;
+        }
     }
 }
 
@@ -239,11 +265,18 @@ bool matchesType(const QVariant& value, NSXPCType type) {
             return id == qMetaTypeId<NSErrorPtr>() && value.value<NSErrorPtr>() != nullptr;
         case NSXPCType::Endpoint:
             return id == qMetaTypeId<NSXPCListenerEndpoint>();
+        // Integers must fit: a value cut down to the wire's width would arrive as another
+        // number without anyone noticing.
         case NSXPCType::SignedChar:
-            return isNumeric(value) && value.toLongLong() >= -128 && value.toLongLong() <= 255;
+            return fitsIn(value, -128, 255);  // a BOOL or char given as its unsigned byte too
         case NSXPCType::Int32:
+            return fitsIn(value, std::numeric_limits<int32_t>::min(),
+                          std::numeric_limits<int32_t>::max());
         case NSXPCType::UInt32:
+            return fitsIn(value, 0, std::numeric_limits<uint32_t>::max());
         case NSXPCType::Int64:
+            return fitsIn(value, std::numeric_limits<int64_t>::min(),
+                          std::numeric_limits<int64_t>::max());
         case NSXPCType::Double:
             return isNumeric(value);
         case NSXPCType::Size:

@@ -3,11 +3,14 @@
 // sees replies and callbacks.
 #include <gtest/gtest.h>
 
+#include <QDir>
 #include <QJsonDocument>
 #include <QRegularExpression>
 
+#include "daemon/LMDaemonProtocol.h"
 #include "logging/LMLog.h"
 #include "platform/dispatch/dispatch.h"
+#include "platform/sandbox/sandbox.h"
 #include "tests/daemon/DaemonEnvironment.h"
 #include "tests/daemon/RequestCases.h"
 
@@ -201,6 +204,77 @@ TEST(DaemonProxyTest, HookSeesRepliesAndCallbacksFromTheDaemonAtLevelZeroOnly) {
         }
         EXPECT_GT(callbacksAfter, callbacksBefore);
         EXPECT_EQ(callbackReplies, 0);  // the client never calls the daemon's blocks
+    }
+}
+
+TEST(DaemonProxyTest, TheDaemonRecordsTamperedCutAndMisdirectedTokensAsInvalid) {
+    auto proxy = LMDaemonProxy::daemonProxy();
+    const QUrl file = lumaro::test::grantedFileURL();
+    const QString folder = folderOf(file);
+    QDir().mkpath(folder + QStringLiteral("/other"));
+    auto issue = [](const char* extensionClass, const QString& path) {
+        char* token = sandbox_extension_issue_file(extensionClass, path.toUtf8().constData(),
+                                                   SANDBOX_EXTENSION_DEFAULT);
+        const QString string = token ? QString::fromUtf8(token) : QString();
+        free(token);  // NOLINT(cppcoreguidelines-no-malloc)
+        return string;
+    };
+    const QString good = issue(APP_SANDBOX_READ_WRITE, folder);
+    ASSERT_FALSE(good.isEmpty());
+    QString tampered = good;
+    tampered[tampered.size() - 1] = tampered.endsWith(QLatin1Char('0')) ? u'1' : u'0';
+    QStringList fields = good.split(QLatin1Char(';'));  // v1;class;hex path;expiry;signature
+    ASSERT_EQ(fields.size(), 5);
+    fields[2] = QString::fromLatin1(QByteArray("/").toHex());  // the root, same signature
+    const QString widened = fields.join(QLatin1Char(';'));
+
+    // Handed over on their own.
+    const QString consume = QStringLiteral("consumeSandboxExtension:processNewConnection:");
+    struct Case {
+        QString token;
+        QString reason;
+    };
+    const std::vector<Case> consumed = {
+        {tampered, QStringLiteral("bad signature")},
+        {widened, QStringLiteral("bad signature")},
+        {good.left(good.size() / 2), QStringLiteral("malformed")},
+        {QString(), QStringLiteral("malformed")},
+    };
+    for (const auto& c : consumed) {
+        SCOPED_TRACE(c.token.toStdString());
+        const int before = gEnvironment.recordCount(consume);
+        proxy->consumeSandboxExtension(c.token, 0);
+        const QJsonObject line = gEnvironment.waitForRecord(consume, before + 1);
+        ASSERT_FALSE(line.isEmpty());
+        EXPECT_FALSE(line.value(QStringLiteral("tokenValid")).toBool(true));
+        EXPECT_EQ(line.value(QStringLiteral("tokenReason")).toString(), c.reason);
+    }
+
+    // Carried by a file request: valid tokens that grant something else are refused too.
+    auto raw = NSXPCConnection::initWithMachServiceName(QStringLiteral("com.vantor.lumarod"), 0);
+    raw->setRemoteObjectInterface(NSXPCInterface::interfaceWithProtocol(LMDaemonProtocol()));
+    raw->resume();
+    const QString save = QStringLiteral("saveVideo:extensionToken:handler:");
+    const std::vector<std::pair<QString, bool>> carried = {
+        {issue(APP_SANDBOX_READ_WRITE, folder + QStringLiteral("/other")), false},
+        {issue(APP_SANDBOX_READ, folder), false},
+        {issue(APP_SANDBOX_READ_WRITE, folder), true},
+    };
+    for (const auto& [token, valid] : carried) {
+        SCOPED_TRACE(token.toStdString());
+        ASSERT_FALSE(token.isEmpty());
+        const int before = gEnvironment.recordCount(save);
+        std::atomic<int> replies{0};
+        raw->remoteObjectProxy()->send(save.toStdString(), {file, token},
+                                       [&](const QVariantList&) { replies++; });
+        const QJsonObject line = gEnvironment.waitForRecord(save, before + 1);
+        ASSERT_FALSE(line.isEmpty());
+        EXPECT_EQ(line.value(QStringLiteral("tokenValid")).toBool(!valid), valid);
+        if (!valid) {
+            EXPECT_EQ(line.value(QStringLiteral("tokenReason")).toString(),
+                      QStringLiteral("does not grant this path"));
+        }
+        EXPECT_TRUE(runMainLoopUntil([&] { return replies.load() == 1; }, 10000));
     }
 }
 

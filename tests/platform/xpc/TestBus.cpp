@@ -32,9 +32,17 @@ PrivateBus::PrivateBus(const QString& serviceDir) {
     if (!serviceDir.isEmpty()) {
         xml += "<servicedir>" + serviceDir.toUtf8() + "</servicedir>";
     }
+    // The limits of a desktop session bus: the built-in ones (128 pending replies per connection)
+    // would fail a client's requests that a real session takes.
     xml +=
         "<policy context=\"default\"><allow send_destination=\"*\" eavesdrop=\"true\"/>"
-        "<allow eavesdrop=\"true\"/><allow own=\"*\"/></policy></busconfig>\n";
+        "<allow eavesdrop=\"true\"/><allow own=\"*\"/></policy>"
+        "<limit name=\"max_incoming_bytes\">1000000000</limit>"
+        "<limit name=\"max_outgoing_bytes\">1000000000</limit>"
+        "<limit name=\"max_message_size\">1000000000</limit>"
+        "<limit name=\"max_connections_per_user\">100000</limit>"
+        "<limit name=\"max_match_rules_per_connection\">50000</limit>"
+        "<limit name=\"max_replies_per_connection\">50000</limit></busconfig>\n";
     config.write(xml);
     config.close();
 
