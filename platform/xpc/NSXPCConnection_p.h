@@ -4,16 +4,58 @@
 #include <QDBusConnection>
 #include <QDBusError>
 #include <QDBusMessage>
+#include <QDBusServer>
 #include <QDBusVirtualObject>
 #include <QObject>
 #include <QThread>
+#include <deque>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <unordered_set>
 
 #include "platform/xpc/NSXPCConnection.h"
 
+#if defined(__SANITIZE_THREAD__)
+extern "C" void __tsan_acquire(void* address);
+extern "C" void __tsan_release(void* address);
+#endif
+
 namespace platform::xpc {
+
+// Objects made on one thread and used on a connection's or listener's thread reach it through
+// Qt's event queues, whose locks the thread sanitizer cannot see (Qt is not instrumented). The
+// sender marks the hand-over once everything is written; the receiving object's event() takes it
+// over before reading anything.
+inline void handOver(void* object) {
+#if defined(__SANITIZE_THREAD__)
+    __tsan_release(object);
+#else
+    (void)object;
+#endif
+}
+inline void takeOver(void* object) {
+#if defined(__SANITIZE_THREAD__)
+    __tsan_acquire(object);
+#else
+    (void)object;
+#endif
+}
+
+// The QObjects below have no signals or slots of their own and so no Q_OBJECT: QtDBus's thread
+// calls metaObject() on registered objects, and Qt's own version of it is not instrumented code
+// racing with our constructors in the thread sanitizer's eyes.
+
+// Runs blocks posted to it on its thread, in order.
+class QueueContext final : public QObject {
+public:
+    void post(std::function<void()> block);
+    bool event(QEvent* event) override;
+
+private:
+    std::mutex mutex_;
+    std::deque<std::function<void()>> blocks_;
+};
 
 // The thread behind a connection's private queue.
 class ConnectionThread final : public QThread {
@@ -23,7 +65,7 @@ public:
     void run() override;
 
     std::atomic<NSXPCConnection*> owner;
-    QObject* context = nullptr;  // lives in this thread; target of posted blocks
+    QueueContext* context = nullptr;  // lives in this thread; runs posted blocks
 };
 
 class CallReceiver;
@@ -46,8 +88,16 @@ public:
     ~CallReceiver() override;
 
     void fail(int64_t code, const QString& why);
+    // The receiver goes once both its sender has finished handing the call to QtDBus (which
+    // still uses it after the message is out) and the call has ended.
+    void release();
+    bool event(QEvent* event) override {
+        takeOver(this);
+        return QObject::event(event);
+    }
 
 public Q_SLOTS:
+    void refused() { fail(NSXPCConnectionInvalid, QStringLiteral("the bus refused the call")); }
     void onReply(const QDBusMessage& reply);
     void onError(const QDBusError& error, const QDBusMessage& message);
 
@@ -58,17 +108,21 @@ private:
     NSXPCBlock reply_;
     NSXPCErrorHandler errorHandler_;
     std::shared_ptr<PendingCalls> pending_;
+    std::atomic<int> holds_{2};
     bool done_ = false;
 };
 
 // The exported object as D-Bus sees it on a connection of its own.
 class ExportedObjectAdaptor final : public QDBusVirtualObject {
-    Q_OBJECT
 public:
     explicit ExportedObjectAdaptor(std::weak_ptr<NSXPCConnection> connection)
         : connection_(std::move(connection)) {}
     QString introspect(const QString& path) const override;
     bool handleMessage(const QDBusMessage& message, const QDBusConnection& connection) override;
+    bool event(QEvent* event) override {
+        takeOver(this);
+        return QDBusVirtualObject::event(event);
+    }
 
 private:
     std::weak_ptr<NSXPCConnection> connection_;
@@ -76,16 +130,29 @@ private:
 
 // Every object path of a listener's bus name: routes each message to its peer's connection.
 class ListenerAdaptor final : public QDBusVirtualObject {
-    Q_OBJECT
 public:
     explicit ListenerAdaptor(NSXPCListener* listener) : listener_(listener) {}
     QString introspect(const QString& path) const override;
     bool handleMessage(const QDBusMessage& message, const QDBusConnection& connection) override;
+    bool event(QEvent* event) override {
+        takeOver(this);
+        return QDBusVirtualObject::event(event);
+    }
 
     std::shared_ptr<NSXPCInterface> interface;
 
 private:
     NSXPCListener* listener_;
+};
+
+// An anonymous listener's server: announces new peers on the listener's thread.
+class PeerServer final : public QDBusServer {
+public:
+    using QDBusServer::QDBusServer;
+    bool event(QEvent* event) override {
+        takeOver(this);
+        return QDBusServer::event(event);
+    }
 };
 
 }  // namespace platform::xpc
