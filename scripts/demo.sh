@@ -31,8 +31,13 @@ work=$(mktemp -d)
 bus_pid=
 daemon_pid=
 cleanup() {
-    [[ -n $daemon_pid ]] && kill "$daemon_pid" 2>/dev/null && wait "$daemon_pid" 2>/dev/null
-    [[ -n $bus_pid ]] && kill "$bus_pid" 2>/dev/null
+    if [[ -n $daemon_pid ]]; then
+        kill "$daemon_pid" 2>/dev/null || true
+        wait "$daemon_pid" 2>/dev/null || true
+    fi
+    if [[ -n $bus_pid ]]; then
+        kill "$bus_pid" 2>/dev/null || true
+    fi
     rm -rf "$work"
 }
 trap cleanup EXIT
@@ -70,8 +75,9 @@ export XDG_DATA_HOME=$work/data XDG_DATA_DIRS=$work/empty LUMARO_EXTENSIONS_PATH
 "$daemon" --record "$work/daemon.jsonl" 2>"$work/daemon.log" &
 daemon_pid=$!
 for _ in $(seq 100); do
-    if dbus-send --session --print-reply --dest=org.freedesktop.DBus /org/freedesktop/DBus \
-        org.freedesktop.DBus.NameHasOwner string:com.vantor.lumarod 2>/dev/null |
+    if timeout 5 dbus-send --session --print-reply --dest=org.freedesktop.DBus \
+        /org/freedesktop/DBus org.freedesktop.DBus.NameHasOwner string:com.vantor.lumarod \
+        2>/dev/null |
         grep -q 'boolean true'; then
         break
     fi
