@@ -10,8 +10,9 @@ std::vector<const Command*>& registry() {
 }
 }  // namespace
 
-Command::Command(const char* name, const char* summary, const char* usage, Run run)
-    : name(name), summary(summary), usage(usage), run(std::move(run)) {
+Command::Command(const char* name, const char* summary, const char* usage, Run run,
+                 Windows windows)
+    : name(name), summary(summary), usage(usage), run(std::move(run)), windows(windows) {
     registry().push_back(this);
 }
 
@@ -20,4 +21,13 @@ std::vector<const Command*> Command::all() {
     std::sort(commands.begin(), commands.end(),
               [](const Command* a, const Command* b) { return std::strcmp(a->name, b->name) < 0; });
     return commands;
+}
+
+const Command* Command::named(const char* name) {
+    for (const Command* command : registry()) {
+        if (name != nullptr && std::strcmp(command->name, name) == 0) {
+            return command;
+        }
+    }
+    return nullptr;
 }

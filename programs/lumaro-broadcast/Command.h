@@ -15,15 +15,22 @@ struct Command {
     // `run` receives the arguments after the subcommand's name and answers the exit status.
     using Run = std::function<int(const QStringList& args, QTextStream& out, QTextStream& err)>;
 
-    Command(const char* name, const char* summary, const char* usage, Run run);
+    // Whether the subcommand may open windows; it then runs in a widgets application when a
+    // display is available.
+    enum class Windows { None, WhenDisplayed };
+
+    Command(const char* name, const char* summary, const char* usage, Run run,
+            Windows windows = Windows::None);
 
     const char* name;
     const char* summary;
     const char* usage;  // the subcommand's own --help text
     Run run;
+    Windows windows;
 
     // Every registered subcommand, by name.
     static std::vector<const Command*> all();
+    static const Command* named(const char* name);
 };
 
 // Exit statuses shared by the subcommands.

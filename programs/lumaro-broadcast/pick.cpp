@@ -217,6 +217,6 @@ const Command kPick{
     "The menu options set LUMARO_MENU_BACKEND=automation and LUMARO_MENU_CHOOSE for the picker;\n"
     "without them, the picker shows a real menu on a display and chooses nothing without one.\n"
     "The daemon is reached on the session bus (DBUS_SESSION_BUS_ADDRESS).\n",
-    runPick};
+    runPick, Command::Windows::WhenDisplayed};
 
 }  // namespace
