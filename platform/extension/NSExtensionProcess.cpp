@@ -20,18 +20,6 @@ constexpr char kRemoteView[] = "_remoteViewWithClassName:clientParameters:reply:
 // How long the child waits for the host's answer to its check-in and to the request's end.
 constexpr int kHostAnswerTimeoutMs = 10000;
 
-class FunctionTarget : public NSXPCInvocationTarget {
-public:
-    using Perform = std::function<void(const QString&, const QVariantList&)>;
-    explicit FunctionTarget(Perform perform) : perform_(std::move(perform)) {}
-    void performSelector(const QString& selector, const QVariantList& arguments) override {
-        perform_(selector, arguments);
-    }
-
-private:
-    Perform perform_;
-};
-
 QString environment(const char* name) {
     return qEnvironmentVariable(name);
 }
@@ -208,7 +196,7 @@ std::shared_ptr<ExtensionProcess> ExtensionProcess::start(
         NSXPCConnection::initWithListenerEndpoint(NSXPCListenerEndpoint(launch.requestEndpoint));
     d->link->setRemoteObjectInterface(NSXPCInterface::interfaceWithProtocol(requestHostProtocol()));
     d->link->setExportedInterface(NSXPCInterface::interfaceWithProtocol(requestServiceProtocol()));
-    d->link->setExportedObject(std::make_shared<FunctionTarget>(
+    d->link->setExportedObject(std::make_shared<NSXPCFunctionTarget>(
         [weak](const QString& selector, const QVariantList& arguments) {
             if (auto self = weak.lock()) {
                 self->perform(selector, arguments);

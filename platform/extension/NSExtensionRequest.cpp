@@ -161,19 +161,6 @@ private:
     std::atomic<bool> taken_{false};
 };
 
-// Forwards invocations to a function (the exported objects of the runtime).
-class FunctionTarget : public NSXPCInvocationTarget {
-public:
-    using Perform = std::function<void(const QString&, const QVariantList&)>;
-    explicit FunctionTarget(Perform perform) : perform_(std::move(perform)) {}
-    void performSelector(const QString& selector, const QVariantList& arguments) override {
-        perform_(selector, arguments);
-    }
-
-private:
-    Perform perform_;
-};
-
 NSXPCBlock lastBlock(const QVariantList& arguments) {
     return arguments.isEmpty() ? NSXPCBlock() : arguments.last().value<NSXPCBlock>();
 }
@@ -450,7 +437,7 @@ void beginOnMain(const std::shared_ptr<RequestTable>& table,
     });
 
     // The two listeners.
-    auto exported = std::make_shared<FunctionTarget>(
+    auto exported = std::make_shared<NSXPCFunctionTarget>(
         [weak](const QString& selector, const QVariantList& arguments) {
             if (auto self = weak.lock()) {
                 self->perform(selector, arguments);

@@ -5,6 +5,7 @@
 
 #include <QString>
 #include <QVariantList>
+#include <functional>
 #include <memory>
 
 #include "platform/xpc/NSXPCValue.h"
@@ -39,6 +40,21 @@ public:
 
 private:
     NSXPCBlock block_;
+};
+
+// An exported object made of one function that receives every message (selector, arguments).
+class NSXPCFunctionTarget final : public NSXPCInvocationTarget {
+public:
+    using Perform = std::function<void(const QString& selector, const QVariantList& arguments)>;
+    explicit NSXPCFunctionTarget(Perform perform) : perform_(std::move(perform)) {}
+    void performSelector(const QString& selector, const QVariantList& arguments) override {
+        if (perform_) {
+            perform_(selector, arguments);
+        }
+    }
+
+private:
+    Perform perform_;
 };
 
 class NSInvocation {

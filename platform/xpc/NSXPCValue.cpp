@@ -428,15 +428,19 @@ std::optional<QVariant> fromWire(const QVariant& wire, NSXPCType type) {
     }
 }
 
-std::optional<QVariantList> fromWireList(const QVariantList& wire,
-                                         const std::vector<NSXPCType>& types) {
-    if (size_t(wire.size()) != types.size()) {
+namespace {
+
+// Converts each value with its declared type; any value that does not convert fails the list.
+template <class Convert>
+std::optional<QVariantList> convertList(const QVariantList& values,
+                                        const std::vector<NSXPCType>& types, Convert convert) {
+    if (size_t(values.size()) != types.size()) {
         return std::nullopt;
     }
     QVariantList out;
-    out.reserve(wire.size());
+    out.reserve(values.size());
     for (size_t i = 0; i < types.size(); ++i) {
-        auto v = fromWire(wire[qsizetype(i)], types[i]);
+        auto v = convert(values[qsizetype(i)], types[i]);
         if (!v) {
             return std::nullopt;
         }
@@ -445,21 +449,20 @@ std::optional<QVariantList> fromWireList(const QVariantList& wire,
     return out;
 }
 
+}  // namespace
+
+std::optional<QVariantList> fromWireList(const QVariantList& wire,
+                                         const std::vector<NSXPCType>& types) {
+    return convertList(wire, types, [](const QVariant& v, const NSXPCType& t) {
+        return fromWire(v, t);
+    });
+}
+
 std::optional<QVariantList> toWireList(const QVariantList& values,
                                        const std::vector<NSXPCType>& types) {
-    if (size_t(values.size()) != types.size()) {
-        return std::nullopt;
-    }
-    QVariantList out;
-    out.reserve(values.size());
-    for (size_t i = 0; i < types.size(); ++i) {
-        auto v = toWire(values[qsizetype(i)], types[i]);
-        if (!v) {
-            return std::nullopt;
-        }
-        out.push_back(*v);
-    }
-    return out;
+    return convertList(values, types, [](const QVariant& v, const NSXPCType& t) {
+        return toWire(v, t);
+    });
 }
 
 }  // namespace platform::xpc
