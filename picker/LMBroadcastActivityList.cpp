@@ -56,39 +56,37 @@ struct SetupResult {
     QUrl serviceURL;
 };
 
-// Stores `value` loaded from an item titled `title` in the first slot whose key matches.
+// Puts `value` into `slot` when it holds exactly the slot's type.
+template <class T>
+bool assignIfOfType(const QVariant& value, T& slot) {
+    if (value.metaType() != QMetaType::fromType<T>()) {
+        return false;
+    }
+    slot = value.value<T>();
+    return true;
+}
+
+// Stores `value` loaded from an item titled `title` in the first slot whose key matches. A value
+// of the wrong type leaves the slot as it was, with an error line.
 void storeSetupValue(SetupResult& result, const QString& title, const QVariant& value) {
-    const auto wrongType = [&title] {
+    const std::lock_guard lock(result.mutex);
+    bool stored = true;
+    if (title == LMBroadcastExtensionKeyExtensionBundleIdentifier) {
+        stored = assignIfOfType(value, result.extensionBundleID);
+    } else if (title == LMBroadcastExtensionKeyExtensionUserInfo) {
+        stored = assignIfOfType(value, result.userInfo);
+    } else if (title == LMBroadcastExtensionKeyBroadcastConfiguration) {
+        stored = assignIfOfType(value, result.configuration);
+    } else if (title == kLMBroadcastExtensionKeyExtensionServiceURL) {
+        QString text;
+        stored = assignIfOfType(value, result.serviceURL) || assignIfOfType(value, text);
+        if (!text.isNull()) {
+            result.serviceURL = QUrl(text);  // a URL that travelled as its string
+        }
+    }
+    if (!stored) {
         os_log_error(OS_LOG_DEFAULT, "Ignoring setup result %{public}s: unexpected value type",
                      title);
-    };
-    const std::lock_guard lock(result.mutex);
-    if (title == LMBroadcastExtensionKeyExtensionBundleIdentifier) {
-        if (value.typeId() == QMetaType::QString) {
-            result.extensionBundleID = value.toString();
-        } else {
-            wrongType();
-        }
-    } else if (title == LMBroadcastExtensionKeyExtensionUserInfo) {
-        if (value.typeId() == QMetaType::QVariantMap) {
-            result.userInfo = value.toMap();
-        } else {
-            wrongType();
-        }
-    } else if (title == LMBroadcastExtensionKeyBroadcastConfiguration) {
-        if (value.typeId() == QMetaType::QByteArray) {
-            result.configuration = value.toByteArray();
-        } else {
-            wrongType();
-        }
-    } else if (title == kLMBroadcastExtensionKeyExtensionServiceURL) {
-        if (value.typeId() == QMetaType::QUrl) {
-            result.serviceURL = value.toUrl();
-        } else if (value.typeId() == QMetaType::QString) {
-            result.serviceURL = QUrl(value.toString());
-        } else {
-            wrongType();
-        }
     }
 }
 
