@@ -4,9 +4,14 @@
 #include <QDBusServer>
 #include <QDBusServiceWatcher>
 #include <QDir>
+#include <QFile>
+#include <QFileInfo>
 #include <QMetaObject>
 #include <QPointer>
+#include <cctype>
 #include <climits>
+#include <cstdlib>
+#include <cstring>
 #include <map>
 #include <optional>
 
@@ -568,9 +573,40 @@ void NSXPCConnection::handleIncoming(const QDBusMessage& message) {
 
 // --- NSXPCListener
 
+namespace platform::xpc {
+
+// A new folder, mode 0700, under $XDG_RUNTIME_DIR (or the temporary folder), for one listener's
+// socket; empty when none can be made.
+QString makePrivateSocketFolder() {
+    const QByteArray runtime = qgetenv("XDG_RUNTIME_DIR");
+    const QString base = !runtime.isEmpty() && QFileInfo(QFile::decodeName(runtime)).isDir()
+                             ? QFile::decodeName(runtime)
+                             : QDir::tempPath();
+    QByteArray pattern = QFile::encodeName(base + QStringLiteral("/lumaro-xpc-XXXXXX"));
+    const char* made = ::mkdtemp(pattern.data());  // mkdtemp makes it 0700
+    return made != nullptr ? QFile::decodeName(made) : QString();
+}
+
+// A D-Bus address value: bytes outside the optionally-escaped set as %XX.
+QString escapedAddressValue(const QString& value) {
+    QString out;
+    for (const char c : QFile::encodeName(value)) {
+        const auto u = static_cast<unsigned char>(c);
+        if (std::isalnum(u) || std::strchr("-_/.\\*", c) != nullptr) {
+            out += QLatin1Char(c);
+        } else {
+            out += QStringLiteral("%%%1").arg(u, 2, 16, QLatin1Char('0'));
+        }
+    }
+    return out;
+}
+
+}  // namespace platform::xpc
+
 struct NSXPCListener::Private {
     QString name;  // empty: anonymous
     QDBusServer* server = nullptr;
+    QString socketFolder;  // anonymous: the private folder that holds the listening socket
     std::weak_ptr<NSXPCListenerDelegate> delegate;
     std::optional<QDBusConnection> bus;
     QString busName;
@@ -605,6 +641,9 @@ NSXPCListener::~NSXPCListener() {
     delete d_->watcher;
     delete d_->adaptor;
     delete d_->context;
+    if (!d_->socketFolder.isEmpty()) {
+        QDir(d_->socketFolder).removeRecursively();
+    }
 }
 
 void NSXPCListener::setDelegate(std::weak_ptr<NSXPCListenerDelegate> delegate) {
@@ -625,8 +664,17 @@ bool NSXPCListener::resume(QString* error) {
         // The server lives on the listener's thread: QtDBus announces each new peer there and
         // lets its messages in only after the announcement has been handled, so the peer's
         // exported object is in place before its first message.
-        d_->server =
-            new platform::xpc::PeerServer(QStringLiteral("unix:tmpdir=") + QDir::tempPath());
+        // The socket sits in a folder of its own that only this user can enter, so nobody
+        // else can even reach it to try the D-Bus handshake.
+        d_->socketFolder = platform::xpc::makePrivateSocketFolder();
+        if (d_->socketFolder.isEmpty()) {
+            if (error) {
+                *error = QStringLiteral("cannot make a private folder for the socket");
+            }
+            return false;
+        }
+        d_->server = new platform::xpc::PeerServer(
+            QStringLiteral("unix:dir=") + platform::xpc::escapedAddressValue(d_->socketFolder));
         if (!d_->server->isConnected()) {
             if (error) {
                 *error = QStringLiteral("cannot listen: %1").arg(d_->server->lastError().message());
