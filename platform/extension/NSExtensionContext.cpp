@@ -111,7 +111,7 @@ void NSExtensionContext::completeRequestReturningItems(
 }
 
 void NSExtensionContext::cancelRequestWithError(const NSErrorPtr& error) {
-    endRequest({}, error ? error : NSError::errorWithDomain(NSCocoaErrorDomain, 3072));
+    endRequest({}, error ? error : NSError::errorWithDomain(NSPlatformErrorDomain, 3072));
 }
 
 // --- Context classes by name.

@@ -124,7 +124,7 @@ NSExtensionRegistry::Scan NSExtensionRegistry::scan(const QStringList& folders) 
                          strerror(err));
             if (!result.error) {
                 result.error = NSError::errorWithDomain(
-                    NSCocoaErrorDomain,
+                    NSPlatformErrorDomain,
                     err == EACCES ? NSFileReadNoPermissionError : NSFileReadUnknownError,
                     {{NSFilePathErrorKey, folder},
                      {NSLocalizedDescriptionKey,

@@ -10,13 +10,13 @@
 class NSError;
 using NSErrorPtr = std::shared_ptr<const NSError>;
 
-inline const QString NSCocoaErrorDomain = QStringLiteral("NSCocoaErrorDomain");
+inline const QString NSPlatformErrorDomain = QStringLiteral("NSPlatformErrorDomain");
 inline const QString NSPOSIXErrorDomain = QStringLiteral("NSPOSIXErrorDomain");
 inline const QString NSLocalizedDescriptionKey = QStringLiteral("NSLocalizedDescription");
 inline const QString NSFilePathErrorKey = QStringLiteral("NSFilePath");
 inline const QString NSUnderlyingErrorKey = QStringLiteral("NSUnderlyingError");
 
-// Codes of the Cocoa domain that the platform produces.
+// Codes of the platform error domain that the platform produces.
 enum : int64_t {
     NSFileNoSuchFileError = 4,
     NSFileReadUnknownError = 256,

@@ -26,7 +26,7 @@ QByteArray fsPath(const QString& path) {
 
 enum class Operation { Read, Write, Create, Remove, Move };
 
-int64_t cocoaCode(int errnum, Operation op) {
+int64_t platformErrorCode(int errnum, Operation op) {
     const bool reading = op == Operation::Read;
     switch (errnum) {
         case ENOENT:
@@ -75,7 +75,7 @@ void fail(NSErrorPtr* error, int errnum, Operation op, const QString& path) {
                              .arg(name, QString::fromLatin1(verb(op)),
                                   QString::fromLocal8Bit(strerror(errnum)));
     *error = NSError::errorWithDomain(
-        NSCocoaErrorDomain, cocoaCode(errnum, op),
+        NSPlatformErrorDomain, platformErrorCode(errnum, op),
         {{NSLocalizedDescriptionKey, text},
          {NSFilePathErrorKey, path},
          {NSUnderlyingErrorKey, QVariant::fromValue(NSError::posixError(errnum))}});

@@ -1,5 +1,5 @@
 // File-manager operations on real files. Each operation that can fail takes an optional out-error
-// pointer: on failure it stores an error of the Cocoa domain (with the path and the underlying
+// pointer: on failure it stores an error of the platform error domain (with the path and the underlying
 // POSIX error in its user info) and answers false / empty; on success it leaves the pointer
 // untouched, so one error variable can serve several calls.
 //

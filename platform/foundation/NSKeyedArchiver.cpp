@@ -16,7 +16,7 @@ constexpr int kMaxDepth = 256;  // deeper trees are refused rather than risking 
 
 void fail(NSErrorPtr* error, int64_t code, const QString& reason) {
     if (error != nullptr) {
-        *error = NSError::errorWithDomain(NSCocoaErrorDomain, code,
+        *error = NSError::errorWithDomain(NSPlatformErrorDomain, code,
                                           {{NSLocalizedDescriptionKey, reason}});
     }
 }

@@ -4,8 +4,8 @@
 // The encoding is CBOR: a self-describing tag (55799) around a two-entry map
 // {"archiver": "NSKeyedArchiver", "root": <value>}. Values that CBOR cannot carry faithfully
 // (images, pointers, null entries inside containers) are refused when archiving; corrupt,
-// truncated or foreign bytes are refused when unarchiving. Both report an NSError of the Cocoa
-// domain and never abort.
+// truncated or foreign bytes are refused when unarchiving. Both report an NSError of the
+// platform error domain and never abort.
 #pragma once
 
 #include <QByteArray>
@@ -13,7 +13,7 @@
 
 #include "platform/foundation/NSError.h"
 
-// Codes of the Cocoa domain for archives.
+// Codes of the platform error domain for archives.
 enum : int64_t {
     NSCoderReadCorruptError = 4864,
     NSCoderValueNotFoundError = 4865,

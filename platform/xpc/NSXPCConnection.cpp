@@ -38,7 +38,7 @@ NSErrorPtr connectionError(int64_t code, const QString& why) {
     if (!why.isEmpty()) {
         info.insert(NSLocalizedDescriptionKey, why);
     }
-    return NSError::errorWithDomain(NSCocoaErrorDomain, code, info);
+    return NSError::errorWithDomain(NSPlatformErrorDomain, code, info);
 }
 
 // The error a peer answers with when its reply block was called with values that do not match the

@@ -10,7 +10,7 @@
 // to the delegate's connection:handleInvocation:isReply: hook when the delegate has one; otherwise
 // the connection invokes it itself. A transport failure (no owner of the name, peer gone, bus gone,
 // arguments that cannot be sent) reaches the send's error handler exactly once, with
-// NSXPCConnectionInterrupted or NSXPCConnectionInvalid in NSCocoaErrorDomain, and the reply block
+// NSXPCConnectionInterrupted or NSXPCConnectionInvalid in NSPlatformErrorDomain, and the reply block
 // is then never called. A reply whose values do not match the interface reaches the error handler
 // with NSXPCConnectionReplyInvalid.
 #pragma once

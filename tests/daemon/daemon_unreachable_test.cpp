@@ -118,7 +118,7 @@ TEST(DaemonUnreachableTest, ErrorHandlersRunOnTheConnectionsQueue) {
         ->remoteObjectProxyWithErrorHandler([&](const NSErrorPtr& error) {
             onQueue = NSXPCConnection::currentConnection() == proxy->connection().get() &&
                       error->code() == NSXPCConnectionInvalid &&
-                      error->domain() == NSCocoaErrorDomain;
+                      error->domain() == NSPlatformErrorDomain;
             done = true;
         })
         ->send("pauseInAppCapture", {});

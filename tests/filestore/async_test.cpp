@@ -48,7 +48,7 @@ public:
         if (failing_.count(QFileInfo(path).fileName()) == 0) {
             return NSFileManager::removeItemAtPath(path, error);
         }
-        lastFailure_ = *error = NSError::errorWithDomain(NSCocoaErrorDomain, 513);
+        lastFailure_ = *error = NSError::errorWithDomain(NSPlatformErrorDomain, 513);
         return false;
     }
     std::set<QString> removed_;

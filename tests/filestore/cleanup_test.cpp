@@ -146,7 +146,7 @@ TEST_F(AgeWalk, AMissingOrNonDirectoryWorkingDirectoryIsReportedOnce) {
     EXPECT_EQ(records[1].text, kWalkError + "260");
     EXPECT_EQ(records[1].type, OS_LOG_TYPE_ERROR);
     EXPECT_TRUE(records[2].isNSLog);
-    EXPECT_EQ(records[2].text.rfind("error = Error Domain=NSCocoaErrorDomain Code=260 ", 0), 0u);
+    EXPECT_EQ(records[2].text.rfind("error = Error Domain=NSPlatformErrorDomain Code=260 ", 0), 0u);
 
     log_.clear();
     home_.write(QStringLiteral("Library/Application Support/com.vantor.lumarod"), 5);

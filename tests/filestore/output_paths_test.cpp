@@ -24,7 +24,7 @@ TEST_F(Paths, SetupNeverCreatesParentsAndTakesAnythingAtThePathForTheDirectory) 
     EXPECT_EQ(records[0].text, "_srSetupTempDirectory");
     EXPECT_EQ(records[0].type, OS_LOG_TYPE_DEFAULT);
     EXPECT_TRUE(records[1].isNSLog);
-    EXPECT_EQ(records[1].text.rfind("error: Error Domain=NSCocoaErrorDomain Code=4 ", 0), 0u)
+    EXPECT_EQ(records[1].text.rfind("error: Error Domain=NSPlatformErrorDomain Code=4 ", 0), 0u)
         << records[1].text;
     EXPECT_EQ(records[2].text, "error creating temp directory");
     EXPECT_EQ(records[2].type, OS_LOG_TYPE_ERROR);

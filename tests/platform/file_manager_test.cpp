@@ -17,7 +17,7 @@ TEST(FileManager, FailuresFillTheErrorAndSuccessLeavesItAlone) {
 
     fm->contentsOfDirectoryAtPath(dir.file("missing"), &error);
     ASSERT_TRUE(error);
-    EXPECT_EQ(error->domain(), NSCocoaErrorDomain);
+    EXPECT_EQ(error->domain(), NSPlatformErrorDomain);
     EXPECT_EQ(error->code(), NSFileReadNoSuchFileError);
     EXPECT_EQ(error->userInfo().value(NSFilePathErrorKey).toString(), dir.file("missing"));
     EXPECT_FALSE(error->localizedDescription().isEmpty());

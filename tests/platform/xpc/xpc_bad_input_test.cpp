@@ -115,7 +115,7 @@ TEST_F(BadInputTest, RepliesOfTheWrongShapeReachTheErrorHandlerOnce) {
         EXPECT_EQ(outcome->replies.load(), 0);
         ASSERT_EQ(outcome->errors.load(), 1);
         std::lock_guard lock(outcome->mutex);
-        EXPECT_EQ(outcome->error->domain(), NSCocoaErrorDomain);
+        EXPECT_EQ(outcome->error->domain(), NSPlatformErrorDomain);
         EXPECT_EQ(outcome->error->code(), NSXPCConnectionReplyInvalid);
         ASSERT_EQ(capture.records().size(), 1u);
         EXPECT_EQ(capture.records()[0].type, OS_LOG_TYPE_ERROR);

@@ -202,7 +202,7 @@ TEST_P(RoundTripTest, ValuesThatCannotTravelFailTheSendNotTheProcess) {
         EXPECT_EQ(outcome->replies.load(), 0);
         ASSERT_EQ(outcome->errors.load(), 1);
         std::lock_guard lock(outcome->mutex);
-        EXPECT_EQ(outcome->error->domain(), NSCocoaErrorDomain);
+        EXPECT_EQ(outcome->error->domain(), NSPlatformErrorDomain);
         EXPECT_EQ(outcome->error->code(), NSXPCConnectionInvalid);
     }
     EXPECT_EQ(capture.records().size(), cases.size());
