@@ -21,27 +21,7 @@ using namespace lumaro::test;
 
 namespace {
 
-// The host end of the picker's auxiliary connection: records every host message.
-class Host : public NSXPCListenerDelegate, public NSXPCInvocationTarget {
-public:
-    bool listener(NSXPCListener*, const std::shared_ptr<NSXPCConnection>& connection) override {
-        connection->setExportedInterface(BroadcastActivityViewServiceExtension::
-                                             __LMBroadcastActivity_viewServiceHostInterface());
-        connection->setExportedObject(self.lock());
-        return true;
-    }
-    void performSelector(const QString& selector, const QVariantList& arguments) override {
-        std::lock_guard lock(mutex);
-        messages.emplace_back(selector, arguments);
-    }
-    std::vector<std::pair<QString, QVariantList>> received() const {
-        std::lock_guard lock(mutex);
-        return messages;
-    }
-    std::weak_ptr<Host> self;
-    mutable std::mutex mutex;
-    std::vector<std::pair<QString, QVariantList>> messages;
-};
+using Host = RecordingHost;
 
 // One bus, daemon and host for the whole suite: the process's session-bus connection and its
 // daemon proxy are made once and stay bound to the first bus.

@@ -16,31 +16,7 @@ using namespace lumaro::test;
 
 namespace {
 
-// The host: exports an object that records every message.
-class Host : public NSXPCListenerDelegate, public NSXPCInvocationTarget {
-public:
-    bool listener(NSXPCListener*, const std::shared_ptr<NSXPCConnection>& connection) override {
-        connection->setExportedInterface(BroadcastActivityViewServiceExtension::
-                                             __LMBroadcastActivity_viewServiceHostInterface());
-        connection->setExportedObject(self.lock());
-        std::lock_guard lock(mutex);
-        connections.push_back(connection);
-        return true;
-    }
-    void performSelector(const QString& selector, const QVariantList& arguments) override {
-        std::lock_guard lock(mutex);
-        messages.emplace_back(selector, arguments);
-    }
-    std::vector<std::pair<QString, QVariantList>> received() const {
-        std::lock_guard lock(mutex);
-        return messages;
-    }
-
-    std::weak_ptr<Host> self;
-    mutable std::mutex mutex;
-    std::vector<std::pair<QString, QVariantList>> messages;
-    std::vector<std::shared_ptr<NSXPCConnection>> connections;
-};
+using Host = RecordingHost;
 
 // A host owning `name` on the bus, and the auxiliary connection a request would have to it.
 struct HostLink {
