@@ -4,7 +4,7 @@ JOBS ?= $(shell nproc)
 # machine does not hide the rest of the run; every failure is still printed.
 CTEST := ctest --output-on-failure -j$(JOBS) --repeat until-pass:3
 
-.PHONY: all deps build test test-default test-asan test-tsan demo bench clean format tidy
+.PHONY: all deps build test test-default test-asan test-tsan demo bench package clean format tidy
 
 all: build
 
@@ -41,6 +41,10 @@ demo: build
 
 bench: build
 	@scripts/bench.sh build/default
+
+# A Debian package of the whole installation, in build/default/.
+package: build
+	@cd build/default && cpack -G DEB
 
 format:
 	@git ls-files '*.cpp' '*.h' | xargs clang-format -i

@@ -1,8 +1,5 @@
 #include "discovery/LMExtensions.h"
 
-#include <QDir>
-#include <mutex>
-
 #include "platform/extension/NSExtensionRegistry.h"
 #include "platform/extension/UTType.h"
 #include "platform/log/os_log.h"
@@ -14,21 +11,6 @@ const QString kActivationRuleKey = QStringLiteral("NSExtensionActivationRule");
 const QString kExtensionKey = QStringLiteral("NSExtension");
 const QString kProcessModeKey = QStringLiteral("LMBroadcastProcessMode");
 const QString kSampleBufferMode = QStringLiteral("LMBroadcastProcessModeSampleBuffer");
-
-// A development checkout has its example services under share/: searched only when the machine
-// has no extension folder at all and LUMARO_EXTENSIONS_PATH is unset.
-void useSourceTreeFallback() {
-    static std::once_flag once;
-    std::call_once(once, [] {
-#ifdef LUMARO_SOURCE_EXTENSIONS_DIR
-        if (NSExtensionRegistry::fallbackSearchPaths().isEmpty() &&
-            QDir(QStringLiteral(LUMARO_SOURCE_EXTENSIONS_DIR)).exists()) {
-            NSExtensionRegistry::setFallbackSearchPaths(
-                {QStringLiteral(LUMARO_SOURCE_EXTENSIONS_DIR)});
-        }
-#endif
-    });
-}
 
 }  // namespace
 
@@ -45,7 +27,6 @@ QVariantMap matchingAttributesForPointName(const QString& pointName) {
 void extensionsWithMatchingPointNameBaseIdentifierActivationRule(
     const QString& pointName, const QString& baseIdentifier, const QString& activationRule,
     const QString& unwantedActivationRule, ExtensionsCompletion completion) {
-    useSourceTreeFallback();
     std::vector<NSExtensionPtr> result;  // filled in the registry's completion
     NSExtension::extensionsWithMatchingAttributes(
         matchingAttributesForPointName(pointName),

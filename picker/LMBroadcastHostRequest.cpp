@@ -14,6 +14,7 @@
 #include "picker/LMBroadcastActivityKeys.h"
 #include "picker/LMBroadcastActivityViewServiceExtensionHostContext.h"
 #include "platform/appkit/NSRemoteViewController.h"
+#include "platform/extension/NSExtensionRegistry.h"
 #include "platform/dispatch/dispatch.h"
 #include "platform/log/os_log.h"
 #include "service/LMBroadcastActivityViewServiceProtocols.h"
@@ -161,11 +162,12 @@ bool LMBroadcastHostRequest::start(QString* error) {
     picker_ = NSExtension::extensionWithIdentifier(options_.pickerIdentifier, &lookupError);
     if (!picker_) {
         if (error) {
-            *error = QStringLiteral("the picker \"%1\" is not installed%2")
+            *error = QStringLiteral("the picker \"%1\" is not installed%2; looked in %3")
                          .arg(options_.pickerIdentifier,
                               lookupError
                                   ? QStringLiteral(" (%1)").arg(lookupError->localizedDescription())
-                                  : QString());
+                                  : QString(),
+                              NSExtensionRegistry::searchPaths().join(QStringLiteral(", ")));
         }
         return false;
     }
