@@ -11,7 +11,7 @@ set(LUMARO_INSTALL_PICKERDIR ${LUMARO_INSTALL_LIBEXECDIR}/broadcast-picker)
 # lumaro_install_configured(TEMPLATE DESTINATION [RENAME name] [COMPONENT c])
 # Installs TEMPLATE with @VAR@ references expanded at install time. Beside the project's
 # variables, the template sees @PREFIX@, @BINDIR@, @LIBEXECDIR@ (the project's folder in it),
-# @PICKERDIR@ and @DATADIR@ as absolute installed paths.
+# @PICKERDIR@, @DATADIR@, @LIBDIR@ and @INCLUDEDIR@ as absolute installed paths.
 function(lumaro_install_configured template destination)
   cmake_parse_arguments(ARG "" "RENAME;COMPONENT" "" ${ARGN})
   get_filename_component(template ${template} ABSOLUTE)
@@ -30,6 +30,8 @@ function(lumaro_install_configured template destination)
     set(LIBEXECDIR \"\${CMAKE_INSTALL_PREFIX}/${LUMARO_INSTALL_LIBEXECDIR}\")
     set(PICKERDIR \"\${CMAKE_INSTALL_PREFIX}/${LUMARO_INSTALL_PICKERDIR}\")
     set(DATADIR \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_DATADIR}\")
+    set(LIBDIR \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}\")
+    set(INCLUDEDIR \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_INCLUDEDIR}\")
     configure_file(\"${template}\" \"${CMAKE_CURRENT_BINARY_DIR}/installed/${name}\" @ONLY)
     file(INSTALL DESTINATION \"\${CMAKE_INSTALL_PREFIX}/${destination}\" TYPE FILE
          FILES \"${CMAKE_CURRENT_BINARY_DIR}/installed/${name}\")"

@@ -30,6 +30,11 @@ for path in bin/lumaro-broadcast bin/lumarod-reference \
     share/lumaro/manifest.schema.json \
     share/dbus-1/services/com.vantor.lumarod.service \
     share/dbus-1/interfaces/com.vantor.lumarod.Daemon.xml \
+    share/dbus-1/interfaces/com.vantor.lumaro.BroadcastPicker.xml \
+    share/dbus-1/services/com.vantor.lumaro.BroadcastPicker.service \
+    libexec/lumaro/lumaro-broadcast-portal lib/systemd/user/lumaro-broadcast-portal.service \
+    include/lumaro-broadcast-host/BroadcastSetup.h lib/pkgconfig/lumaro-broadcast-host.pc \
+    lib/cmake/LumaroBroadcastHost/LumaroBroadcastHostConfig.cmake \
     lib/systemd/user/lumarod-reference.service; do
     [[ -e $prefix/$path ]] || fail "$path was not installed"
 done
@@ -59,4 +64,17 @@ outcome=$("$prefix/bin/lumaro-broadcast" pick --choose com.example.northwind-liv
     --timeout 60 2>"$work/pick.log") || fail "pick failed: $(cat "$work/pick.log")"
 grep -q '"broadcastURL": "https://' <<<"$outcome" &&
     grep -q '"cancelled": false' <<<"$outcome" || fail "unexpected outcome: $outcome"
+
+# The library's example, built against the installed pkg-config module alone.
+export PKG_CONFIG_PATH=$prefix/lib/pkgconfig
+# shellcheck disable=SC2046
+c++ -std=c++17 -fPIC -o "$work/example" "$prefix/share/doc/lumaro-broadcast-host/examples/broadcast_setup_example.cpp" \
+    $(pkg-config --cflags --libs lumaro-broadcast-host Qt6Core) || fail "the example does not build"
+LUMARO_MENU_CHOOSE=com.example.northwind-live.setupui LD_LIBRARY_PATH=$prefix/lib \
+    "$work/example" >"$work/example.out" 2>&1 || fail "the example failed: $(cat "$work/example.out")"
+grep -q '^broadcast URL: https://' "$work/example.out" || fail "example: $(cat "$work/example.out")"
+
+# The front door, started by D-Bus activation, driven through its interface alone.
+/usr/bin/python3 "$source_dir/tests/install/frontdoor_test.py" "$prefix" || fail "the front door"
+
 echo "installed prefix: services listed, outcome $outcome"
