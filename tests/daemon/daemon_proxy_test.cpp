@@ -199,7 +199,7 @@ TEST(DaemonProxyTest, HookSeesRepliesAndCallbacksFromTheDaemonAtLevelZeroOnly) {
     }
 }
 
-TEST(DaemonProxyTest, TheDaemonRecordsTamperedCutAndMisdirectedTokensAsInvalid) {
+TEST(DaemonProxyTest, TheDaemonRecordsTamperedAndMisdirectedTokensAsInvalid) {
     auto proxy = LMDaemonProxy::daemonProxy();
     const QUrl file = lumaro::test::grantedFileURL();
     const QString folder = folderOf(file);
@@ -215,44 +215,21 @@ TEST(DaemonProxyTest, TheDaemonRecordsTamperedCutAndMisdirectedTokensAsInvalid) 
     ASSERT_FALSE(good.isEmpty());
     QString tampered = good;
     tampered[tampered.size() - 1] = tampered.endsWith(QLatin1Char('0')) ? u'1' : u'0';
-    QStringList fields = good.split(QLatin1Char(';'));  // v1;class;hex path;expiry;signature
-    ASSERT_EQ(fields.size(), 5);
-    fields[2] = QString::fromLatin1(QByteArray("/").toHex());  // the root, same signature
-    const QString widened = fields.join(QLatin1Char(';'));
 
-    // Handed over on their own.
-    const QString consume = QStringLiteral("consumeSandboxExtension:processNewConnection:");
-    struct Case {
-        QString token;
-        QString reason;
-    };
-    const std::vector<Case> consumed = {
-        {tampered, QStringLiteral("bad signature")},
-        {widened, QStringLiteral("bad signature")},
-        {good.left(good.size() / 2), QStringLiteral("malformed")},
-        {QString(), QStringLiteral("malformed")},
-    };
-    for (const auto& c : consumed) {
-        SCOPED_TRACE(c.token.toStdString());
-        const int before = gEnvironment.recordCount(consume);
-        proxy->consumeSandboxExtension(c.token, 0);
-        const QJsonObject line = gEnvironment.waitForRecord(consume, before + 1);
-        ASSERT_FALSE(line.isEmpty());
-        EXPECT_FALSE(line.value(QStringLiteral("tokenValid")).toBool(true));
-        EXPECT_EQ(line.value(QStringLiteral("tokenReason")).toString(), c.reason);
-    }
-
-    // Carried by a file request: valid tokens that grant something else are refused too.
+    // Every way of tampering is the sandbox's own test (tests/platform/sandbox); here the daemon's
+    // part: it checks the token at all, and a valid one must grant the file it comes with.
     auto raw = NSXPCConnection::initWithMachServiceName(QStringLiteral("com.vantor.lumarod"), 0);
     raw->setRemoteObjectInterface(NSXPCInterface::interfaceWithProtocol(LMDaemonProtocol()));
     raw->resume();
     const QString save = QStringLiteral("saveVideo:extensionToken:handler:");
-    const std::vector<std::pair<QString, bool>> carried = {
-        {issue(APP_SANDBOX_READ_WRITE, folder + QStringLiteral("/other")), false},
-        {issue(APP_SANDBOX_READ, folder), false},
-        {issue(APP_SANDBOX_READ_WRITE, folder), true},
+    const std::vector<std::pair<QString, QString>> carried = {
+        {tampered, QStringLiteral("bad signature")},
+        {issue(APP_SANDBOX_READ_WRITE, folder + QStringLiteral("/other")),
+         QStringLiteral("does not grant this path")},
+        {issue(APP_SANDBOX_READ, folder), QStringLiteral("does not grant this path")},
+        {good, QString()},
     };
-    for (const auto& [token, valid] : carried) {
+    for (const auto& [token, reason] : carried) {
         SCOPED_TRACE(token.toStdString());
         ASSERT_FALSE(token.isEmpty());
         const int before = gEnvironment.recordCount(save);
@@ -261,11 +238,8 @@ TEST(DaemonProxyTest, TheDaemonRecordsTamperedCutAndMisdirectedTokensAsInvalid) 
                                        [&](const QVariantList&) { replies++; });
         const QJsonObject line = gEnvironment.waitForRecord(save, before + 1);
         ASSERT_FALSE(line.isEmpty());
-        EXPECT_EQ(line.value(QStringLiteral("tokenValid")).toBool(!valid), valid);
-        if (!valid) {
-            EXPECT_EQ(line.value(QStringLiteral("tokenReason")).toString(),
-                      QStringLiteral("does not grant this path"));
-        }
+        EXPECT_EQ(line.value(QStringLiteral("tokenValid")).toBool(), reason.isNull());
+        EXPECT_EQ(line.value(QStringLiteral("tokenReason")).toString(), reason);
         EXPECT_TRUE(runMainLoopUntil([&] { return replies.load() == 1; }, 10000));
     }
 }
