@@ -53,7 +53,8 @@ void storeSetupValue(SetupResult& result, const QString& title, const QVariant& 
     } else if (title == LMBroadcastExtensionKeyExtensionUserInfo) {
         result.userInfo = value.toMap();
     } else if (title == LMBroadcastExtensionKeyBroadcastConfiguration) {
-        result.configuration = value.toByteArray();
+        const QByteArray data = value.toByteArray();
+        result.configuration = data.isNull() ? QByteArray("") : data;  // data, never none
     } else if (title == kLMBroadcastExtensionKeyExtensionServiceURL) {
         result.serviceURL = value.typeId() == QMetaType::QUrl
                                 ? value.toUrl()

@@ -165,11 +165,12 @@ TEST(SetupResultTest, SlotsAreFilledByTitleAsFoundAndMissingOnesKeepTheirStartin
                    titledItem("SomethingElse", 5)}),
               (std::vector<QStringList>{{"com.t.e", "c", "1", "https://s/x"}}));
     // Values of another type replace the slot, as the slot's readers get them.
-    EXPECT_EQ(
-        loadSetupResult({titledItem(LMBroadcastExtensionKeyExtensionBundleIdentifier, 17),
-                         titledItem(LMBroadcastExtensionKeyExtensionUserInfo, "x"),
-                         titledItem(kLMBroadcastExtensionKeyExtensionServiceURL, "https://y")}),
-        (std::vector<QStringList>{{"17", "", "0", "https://y"}}));
+    EXPECT_EQ(loadSetupResult(
+                  {titledItem(LMBroadcastExtensionKeyExtensionBundleIdentifier, 17),
+                   titledItem(LMBroadcastExtensionKeyExtensionUserInfo, "x"),
+                   titledItem(LMBroadcastExtensionKeyBroadcastConfiguration, QVariantMap{{"a", 1}}),
+                   titledItem(kLMBroadcastExtensionKeyExtensionServiceURL, "https://y")}),
+              (std::vector<QStringList>{{"17", "", "0", "https://y"}}));
 }
 
 TEST(SetupResultTest, AnItemThatIsNotDataOrHasNoAttachmentMeansNoHandlerEver) {
