@@ -36,8 +36,10 @@ void extensionsWithMatchingPointNameBaseIdentifierActivationRule(
             for (const NSExtensionPtr& extension : extensions) {
                 NSLog("NSExtensionPointIdentifier %@ _extensionBundle %@",
                       extension->extensionPointIdentifier(), extension->_extensionBundle());
+                // A literal prefix test: an empty base identifier is no prefix of anything.
                 if (!baseIdentifier.isNull() &&
-                    !extension->identifier().startsWith(baseIdentifier)) {
+                    (baseIdentifier.isEmpty() ||
+                     !extension->identifier().startsWith(baseIdentifier))) {
                     continue;
                 }
                 const QVariant rule = extension->attributes().value(kActivationRuleKey);

@@ -42,10 +42,11 @@ using ExtensionsCompletion =
 // the same name, and the platforms 1 and 6.
 QVariantMap matchingAttributesForPointName(const QString& pointName);
 
-// The full query. An extension is kept when its identifier begins with `baseIdentifier`
-// (case-sensitive), and, when its activation rule is a dictionary, `activationRule` is present
-// there and true and `unwantedActivationRule` is not present and true; when its activation rule
-// is missing or not a dictionary, it is kept only if no `activationRule` is asked for.
+// The full query. An extension is kept when its identifier begins with `baseIdentifier` (a
+// literal, case-sensitive prefix test: a null one asks nothing, an empty one keeps none), and,
+// when its activation rule is a dictionary, `activationRule` is present there and true and
+// `unwantedActivationRule` is not present and true; when its activation rule is missing or not a
+// dictionary, it is kept only if no `activationRule` is asked for.
 void extensionsWithMatchingPointNameBaseIdentifierActivationRule(
     const QString& pointName, const QString& baseIdentifier, const QString& activationRule,
     const QString& unwantedActivationRule, ExtensionsCompletion completion);

@@ -18,42 +18,14 @@ constexpr int kLoadViewLine = 42;
 constexpr int kNoStoryboardLine = 72;
 constexpr int kNoChildControllerLine = 79;
 
-// A user-info string as found; a value of another type is reported and read as none.
-QString userInfoString(const QVariantMap& userInfo, const QString& key) {
-    bool wrongType = false;
-    const QString text = LMBroadcastValues::stringValue(userInfo.value(key), &wrongType);
-    if (wrongType) {
-        os_log_error(OS_LOG_DEFAULT, "Ignoring %{public}s of the request: not a string", key);
-    }
-    return text;
-}
-
-// A number of the request through single precision; a value that is no number is reported.
-float requestFloat(const QVariantMap& values, const QString& key) {
-    LMBroadcastValues::FloatReading reading = LMBroadcastValues::FloatReading::Absent;
-    const float value = LMBroadcastValues::floatValue(values.value(key), &reading);
-    if (reading == LMBroadcastValues::FloatReading::NotANumber) {
-        os_log_error(OS_LOG_DEFAULT, "Reading %{public}s of the request as 0: not a finite number",
-                     key);
-    }
-    return value;
-}
-
-// The request identifier as the context vendor takes it: a UUID, or its text.
+// The request identifier as the context vendor takes it: a UUID, or its text. Anything else finds
+// no context.
 QUuid requestIdentifier(const QVariant& value) {
     if (value.typeId() == QMetaType::QUuid) {
         return value.toUuid();
     }
     if (value.typeId() == QMetaType::QString || value.typeId() == QMetaType::QByteArray) {
-        const QUuid uuid = QUuid::fromString(value.toString());
-        if (uuid.isNull()) {
-            os_log_error(OS_LOG_DEFAULT, "The request identifier \"%s\" is not a UUID",
-                         value.toString());
-        }
-        return uuid;
-    }
-    if (value.isValid()) {
-        os_log_error(OS_LOG_DEFAULT, "The request identifier is not a UUID");
+        return QUuid::fromString(value.toString());
     }
     return {};
 }
@@ -200,23 +172,25 @@ void LMBroadcastActivityExtensionNSViewController::loadView() {
 
 void LMBroadcastActivityExtensionNSViewController::loadViewFromInputItem(
     const NSExtensionItemPtr& item) {
+    using LMBroadcastValues::floatValue;
+    using LMBroadcastValues::textValue;
     const QVariantMap userInfo = item ? item->userInfo() : QVariantMap();
     setLocalizedNoServiceMessage(
-        userInfoString(userInfo, kLMBroadcastActivityExtensionLedraKeyLocalizedNoService));
+        textValue(userInfo.value(kLMBroadcastActivityExtensionLedraKeyLocalizedNoService)));
     setLocalizedBroadcastTitle(
-        userInfoString(userInfo, kLMBroadcastActivityExtensionLedraKeyLocalizedBroadcastTitle));
+        textValue(userInfo.value(kLMBroadcastActivityExtensionLedraKeyLocalizedBroadcastTitle)));
     setLocalizedFindBroadcastApps(
-        userInfoString(userInfo, kLMBroadcastActivityExtensionLedraKeyLocalizedFindBroadcastApps));
-    const float width = requestFloat(userInfo, kLMBroadcastActivityExtensionLedraKeyWidth);
-    const float height = requestFloat(userInfo, kLMBroadcastActivityExtensionLedraKeyHeight);
+        textValue(userInfo.value(kLMBroadcastActivityExtensionLedraKeyLocalizedFindBroadcastApps)));
+    const float width = floatValue(userInfo.value(kLMBroadcastActivityExtensionLedraKeyWidth));
+    const float height = floatValue(userInfo.value(kLMBroadcastActivityExtensionLedraKeyHeight));
     setView(NSView::initWithFrame(
         NSMakeRect(0, 0, static_cast<double>(width), static_cast<double>(height))));
 }
 
 void LMBroadcastActivityExtensionNSViewController::loadViewFromParameters(
     const QVariantMap& parameters) {
-    const float width = requestFloat(parameters, kLMParameterViewWidth);
-    const float height = requestFloat(parameters, kLMParameterViewHeight);
+    const float width = LMBroadcastValues::floatValue(parameters.value(kLMParameterViewWidth));
+    const float height = LMBroadcastValues::floatValue(parameters.value(kLMParameterViewHeight));
     const QUuid identifier = requestIdentifier(parameters.value(kLMParameterRequestIdentifier));
 
     const auto view = NSView::initWithFrame(

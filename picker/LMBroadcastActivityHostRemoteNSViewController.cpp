@@ -2,7 +2,6 @@
 
 #include "platform/dispatch/dispatch.h"
 #include "platform/extension/NSExtensionRequest.h"
-#include "platform/log/os_log.h"
 #include "service/LMBroadcastActivityViewServiceProtocols.h"
 
 namespace {
@@ -37,15 +36,7 @@ void LMBroadcastActivityHostRemoteNSViewController::instantiateViewControllerWit
         }
     };
     if (!extension) {
-        // Nothing to begin: the same answer as a request that could not begin.
-        dispatch_async(dispatch_get_main_queue(), [handler] {
-            dispatch_async(dispatch_get_main_queue(), [handler] {
-                handler({}, nullptr,
-                        NSError::errorWithDomain(NSExtensionRequestErrorDomain,
-                                                 NSExtensionRequestExecutableMissingError));
-            });
-        });
-        return;
+        return;  // no extension, no request: the handler is never called
     }
     // The request's host-side context is a host context, so that it can be bound below.
     extension->_setHostContextClass(
@@ -177,10 +168,6 @@ void LMBroadcastActivityHostRemoteNSViewController::performSelector(const QStrin
                arguments.size() == 4) {
         extensionDidFinishWithLaunchURL(urlArgument(arguments[0]), urlArgument(arguments[1]),
                                         stringArgument(arguments[2]), arguments[3].toInt() != 0);
-    } else {
-        os_log_error(OS_LOG_DEFAULT,
-                     "LMBroadcastActivityHostRemoteNSViewController: ignoring %{public}s with %d "
-                     "arguments",
-                     selector, static_cast<int>(arguments.size()));
     }
+    // Anything else is not part of the interface and is dropped.
 }

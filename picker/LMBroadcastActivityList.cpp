@@ -13,32 +13,18 @@
 
 namespace {
 
-// A host-information entry as a string: none when absent, none with an error line when it is
-// of another type.
-QString hostInfoString(const QVariantMap& hostInfo, const QString& key) {
-    bool wrongType = false;
-    const QString text = LMBroadcastValues::stringValue(hostInfo.value(key), &wrongType);
-    if (wrongType) {
-        os_log_error(OS_LOG_DEFAULT, "Ignoring host information %{public}s: not a string", key);
-    }
-    return text;
+// A host-information text as found (see textValue).
+QString hostInfoText(const QVariantMap& hostInfo, const QString& key) {
+    return LMBroadcastValues::textValue(hostInfo.value(key));
 }
 
-// The host's icon from the host-information entry: none when absent or not an image.
+// The host's icon from the host-information entry: none when absent or not image data.
 std::shared_ptr<NSImage> hostInfoIcon(const QVariantMap& hostInfo) {
-    if (!hostInfo.contains(LMBroadcastExtensionKeyExtensionHostInfoAppIcon)) {
+    const QVariant value = hostInfo.value(LMBroadcastExtensionKeyExtensionHostInfoAppIcon);
+    if (value.typeId() != QMetaType::QByteArray) {
         return nullptr;
     }
-    const QVariant value = hostInfo.value(LMBroadcastExtensionKeyExtensionHostInfoAppIcon);
-    std::shared_ptr<NSImage> icon;
-    if (value.typeId() == QMetaType::QByteArray) {
-        icon = NSImage::initWithData(value.toByteArray());
-    }
-    if (!icon) {
-        os_log_error(OS_LOG_DEFAULT, "Ignoring host information %{public}s: not image data",
-                     LMBroadcastExtensionKeyExtensionHostInfoAppIcon);
-    }
-    return icon;
+    return NSImage::initWithData(value.toByteArray());
 }
 
 // The shared record of one loadItems call: the four slots under a lock, the number of items
@@ -56,37 +42,23 @@ struct SetupResult {
     QUrl serviceURL;
 };
 
-// Puts `value` into `slot` when it holds exactly the slot's type.
-template <class T>
-bool assignIfOfType(const QVariant& value, T& slot) {
-    if (value.metaType() != QMetaType::fromType<T>()) {
-        return false;
-    }
-    slot = value.value<T>();
-    return true;
-}
-
-// Stores `value` loaded from an item titled `title` in the first slot whose key matches. A value
-// of the wrong type leaves the slot as it was, with an error line.
+// Stores `value` loaded from an item titled `title` in the first slot whose key matches,
+// replacing what the slot held. A value of another type is stored as the slot's readers would get
+// it (a number as its text, a URL that travelled as its string as that URL, anything that does not
+// convert as an empty value of the slot's kind), never skipped.
 void storeSetupValue(SetupResult& result, const QString& title, const QVariant& value) {
     const std::lock_guard lock(result.mutex);
-    bool stored = true;
     if (title == LMBroadcastExtensionKeyExtensionBundleIdentifier) {
-        stored = assignIfOfType(value, result.extensionBundleID);
+        result.extensionBundleID = LMBroadcastValues::textValue(value);
     } else if (title == LMBroadcastExtensionKeyExtensionUserInfo) {
-        stored = assignIfOfType(value, result.userInfo);
+        result.userInfo = value.toMap();
     } else if (title == LMBroadcastExtensionKeyBroadcastConfiguration) {
-        stored = assignIfOfType(value, result.configuration);
+        const QByteArray data = value.toByteArray();
+        result.configuration = data.isNull() ? QByteArray("") : data;  // data, never none
     } else if (title == kLMBroadcastExtensionKeyExtensionServiceURL) {
-        QString text;
-        stored = assignIfOfType(value, result.serviceURL) || assignIfOfType(value, text);
-        if (!text.isNull()) {
-            result.serviceURL = QUrl(text);  // a URL that travelled as its string
-        }
-    }
-    if (!stored) {
-        os_log_error(OS_LOG_DEFAULT, "Ignoring setup result %{public}s: unexpected value type",
-                     title);
+        result.serviceURL = value.typeId() == QMetaType::QUrl
+                                ? value.toUrl()
+                                : QUrl(LMBroadcastValues::textValue(value));
     }
 }
 
@@ -103,12 +75,9 @@ void LMBroadcastActivityExtensionNSViewController::loadHostApplicationInfo(
         if (!item || item->attributedTitle() != LMBroadcastExtensionKeyExtensionHostInfo) {
             continue;
         }
-        if (item->attachments().empty() || !item->attachments().front()) {
-            os_log_error(OS_LOG_DEFAULT, "Error loading input item for type: no attachment");
-            continue;
-        }
-        const NSItemProviderPtr provider = item->attachments().front();
-        if (!provider->hasItemConformingToTypeIdentifier(kUTTypeData)) {
+        const NSItemProviderPtr provider =
+            item->attachments().empty() ? nullptr : item->attachments().front();
+        if (!provider || !provider->hasItemConformingToTypeIdentifier(kUTTypeData)) {
             continue;
         }
         provider->loadItemForTypeIdentifier(
@@ -121,24 +90,21 @@ void LMBroadcastActivityExtensionNSViewController::loadHostApplicationInfo(
                     return;
                 }
                 if (loaded.typeId() != QMetaType::QVariantMap) {
-                    os_log_error(OS_LOG_DEFAULT,
-                                 "Error loading input item for type: the host information is "
-                                 "not a dictionary");
-                    return;
+                    return;  // no dictionary to read the host from
                 }
                 const QVariantMap hostInfo = loaded.toMap();
                 const std::shared_ptr<NSImage> icon = hostInfoIcon(hostInfo);
                 if (handler) {
                     handler(
-                        hostInfoString(hostInfo, LMBroadcastExtensionKeyExtensionHostInfoBundleID),
-                        hostInfoString(hostInfo, LMBroadcastExtensionKeyExtensionHostInfoAppName),
+                        hostInfoText(hostInfo, LMBroadcastExtensionKeyExtensionHostInfoBundleID),
+                        hostInfoText(hostInfo, LMBroadcastExtensionKeyExtensionHostInfoAppName),
                         icon,
-                        hostInfoString(hostInfo,
-                                       LMBroadcastExtensionKeyExtensionHostInfoPreferredExtension),
-                        hostInfoString(
+                        hostInfoText(hostInfo,
+                                     LMBroadcastExtensionKeyExtensionHostInfoPreferredExtension),
+                        hostInfoText(
                             hostInfo,
                             LMBroadcastExtensionKeyExtensionHostInfoBroadcastActivitiesNotInstalledAlertTitle),
-                        hostInfoString(
+                        hostInfoText(
                             hostInfo,
                             LMBroadcastExtensionKeyExtensionHostInfoBroadcastActivitiesNotInstalledAlertMessage));
                 }
@@ -182,13 +148,11 @@ void LMBroadcastActivityExtensionNSViewController::loadItems(
     const std::vector<NSExtensionItemPtr>& items, SetupResultHandler withHandler) {
     const auto result = std::make_shared<SetupResult>(items.size());
     for (const NSExtensionItemPtr& item : items) {
-        if (!item || item->attachments().empty() || !item->attachments().front()) {
-            // This item can never count, so the handler will not be called for this call.
-            os_log_error(OS_LOG_DEFAULT, "Error loading input item for type: no attachment");
-            continue;
-        }
-        const NSItemProviderPtr provider = item->attachments().front();
-        if (!provider->hasItemConformingToTypeIdentifier(kUTTypeData)) {
+        // An item without a data attachment never counts, so the handler is not called for this
+        // call.
+        const NSItemProviderPtr provider =
+            !item || item->attachments().empty() ? nullptr : item->attachments().front();
+        if (!provider || !provider->hasItemConformingToTypeIdentifier(kUTTypeData)) {
             continue;
         }
         provider->loadItemForTypeIdentifier(

@@ -84,28 +84,24 @@ void embedRemoteView(const std::shared_ptr<Controller>& controller,
     controller->presentBroadcastActivitySheet();
 }
 
-// The setup UI completed its request (the runtime's queue).
-void setupCompleted(const std::weak_ptr<Controller>& weakController,
+// The setup UI completed its request (the runtime's queue). `controller` is the one the request
+// completion block holds, so the returned items always reach the daemon; only the report after
+// the daemon's reply goes through the weak reference.
+void setupCompleted(const std::shared_ptr<Controller>& controller,
+                    const std::weak_ptr<Controller>& weakController,
                     const std::vector<NSExtensionItemPtr>& items) {
-    const auto controller = weakController.lock();
-    if (!controller) {
-        return;
-    }
     if (items.empty()) {
         controller->extensionDidFinishWithLaunchURL(QUrl(), QUrl(), QString(), true);
         return;
     }
     controller->loadItems(
-        items, [weakController](const QString& extensionBundleID, const QByteArray& configuration,
-                                const QVariantMap& userInfo, const QUrl& serviceURL) {
-            const auto loaded = weakController.lock();
-            if (!loaded) {
-                return;
-            }
+        items, [controller, weakController](const QString& extensionBundleID,
+                                            const QByteArray& configuration,
+                                            const QVariantMap& userInfo, const QUrl& serviceURL) {
             LM_LOG_INFO_AT(kSetupBlockMethod, kSetupBlockLine, "%p setupBroadcastWithHostBundleID",
-                           static_cast<const void*>(loaded.get()));
+                           static_cast<const void*>(controller.get()));
             LMDaemonProxy::daemonProxy()->setupBroadcastWithHostBundleID(
-                loaded->hostBundleID(), extensionBundleID, configuration, userInfo,
+                controller->hostBundleID(), extensionBundleID, configuration, userInfo,
                 [serviceURL, extensionBundleID, weakController](const NSErrorPtr& error) {
                     if (error && os_log_type_enabled(OS_LOG_DEFAULT, OS_LOG_TYPE_ERROR)) {
                         os_log_error(OS_LOG_DEFAULT, "Error setting up broadcast, error code: %i",
@@ -127,10 +123,7 @@ void LMBroadcastActivityExtensionNSViewController::performActionWithStreamingAct
     const auto self = strongSelf();
     const NSExtensionPtr extension = activity ? activity->applicationExtension() : nullptr;
     if (!self || !extension) {
-        os_log_error(OS_LOG_DEFAULT,
-                     "LMBroadcastActivityExtensionNSViewController: nothing to perform (%s)",
-                     !self ? "controller not shared" : "no extension");
-        return;
+        return;  // no extension to ask: nothing happens
     }
     const std::weak_ptr<Controller> weakSelf = self;
 
@@ -138,8 +131,7 @@ void LMBroadcastActivityExtensionNSViewController::performActionWithStreamingAct
     // controller alive for as long as the extension keeps the block.
     extension->setRequestCompletionBlock(
         [self, weakSelf](QUuid /*requestIdentifier*/, std::vector<NSExtensionItemPtr> items) {
-            (void)self;
-            setupCompleted(weakSelf, items);
+            setupCompleted(self, weakSelf, items);
         });
 
     extension->beginExtensionRequestWithInputItems(

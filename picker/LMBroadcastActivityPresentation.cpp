@@ -16,14 +16,10 @@ constexpr const char* kSingleExtensionMethod =
     "preferredExtension:iconImage:appName:activities:]";
 const QString kMenuTitle = QStringLiteral("Screen Broadcast");
 
-// A required entry of the host-info archive; a missing one is reported and archived empty, so
-// that the archive can still be made.
-QString requiredHostValue(const QString& value, const QString& key) {
-    if (value.isNull()) {
-        os_log_error(OS_LOG_DEFAULT, "Archiving host data without %{public}s", key);
-        return QStringLiteral("");
-    }
-    return value;
+// A required entry of the host-info archive: a missing one is archived as an empty text, so that
+// the archive can still be made.
+QString requiredHostValue(const QString& value) {
+    return value.isNull() ? QStringLiteral("") : value;
 }
 
 // A disabled line of text with no action and no key equivalent.
@@ -39,20 +35,15 @@ void LMBroadcastActivityExtensionNSViewController::archiveHostData(
     const QString& appName, const QString& hostBundleID,
     const std::shared_ptr<NSImage>& iconImage) {
     QVariantMap hostInfo{
-        {LMBroadcastExtensionKeyExtensionHostInfoAppName,
-         requiredHostValue(appName, LMBroadcastExtensionKeyExtensionHostInfoAppName)},
-        {LMBroadcastExtensionKeyExtensionHostInfoBundleID,
-         requiredHostValue(hostBundleID, LMBroadcastExtensionKeyExtensionHostInfoBundleID)},
+        {LMBroadcastExtensionKeyExtensionHostInfoAppName, requiredHostValue(appName)},
+        {LMBroadcastExtensionKeyExtensionHostInfoBundleID, requiredHostValue(hostBundleID)},
     };
     if (iconImage) {
         hostInfo.insert(LMBroadcastExtensionKeyExtensionHostInfoAppIcon,
                         iconImage->TIFFRepresentation());
     }
-    NSErrorPtr error;
-    const QByteArray archive = NSKeyedArchiver::archivedDataWithRootObject(hostInfo, &error);
-    if (error) {
-        os_log_error(OS_LOG_DEFAULT, "Error archiving host data: %@", error);
-    }
+    // Strings and data always archive.
+    const QByteArray archive = NSKeyedArchiver::archivedDataWithRootObject(hostInfo);
     auto item = std::make_shared<NSExtensionItem>();
     setApplicationInfoExtensionItem(item);
     item->setAttachments({NSItemProvider::initWithItem(archive, kUTTypeData)});

@@ -5,12 +5,10 @@
 
 namespace LMBroadcastValues {
 
-float floatValue(const QVariant& value, FloatReading* reading) {
-    FloatReading how = FloatReading::NotANumber;
+float floatValue(const QVariant& value) {
+    bool isNumber = false;
     double number = 0.0;
-    if (!value.isValid() || value.isNull()) {
-        how = FloatReading::Absent;
-    } else {
+    if (value.isValid() && !value.isNull()) {
         switch (value.typeId()) {
             case QMetaType::Bool:
             case QMetaType::Int:
@@ -24,7 +22,7 @@ float floatValue(const QVariant& value, FloatReading* reading) {
             case QMetaType::Float:
             case QMetaType::Double:
                 number = value.toDouble();
-                how = FloatReading::Number;
+                isNumber = true;
                 break;
             case QMetaType::QString: {
                 // The leading decimal number after any blanks; the rest of the text is ignored.
@@ -38,7 +36,7 @@ float floatValue(const QVariant& value, FloatReading* reading) {
                         number =
                             match.captured(1).startsWith(QLatin1Char('-')) ? -HUGE_VAL : HUGE_VAL;
                     }
-                    how = FloatReading::Number;
+                    isNumber = true;
                 }
                 break;
             }
@@ -46,22 +44,21 @@ float floatValue(const QVariant& value, FloatReading* reading) {
                 break;
         }
     }
-    if (how == FloatReading::Number && !std::isfinite(static_cast<float>(number))) {
-        how = FloatReading::NotANumber;
-    }
-    if (reading != nullptr) {
-        *reading = how;
-    }
-    return how == FloatReading::Number ? static_cast<float>(number) : 0.0f;
+    const float narrowed = static_cast<float>(number);
+    return isNumber && std::isfinite(narrowed) ? narrowed : 0.0f;
 }
 
-QString stringValue(const QVariant& value, bool* wrongType) {
-    const bool present = value.isValid() && !value.isNull();
-    const bool isString = present && value.typeId() == QMetaType::QString;
-    if (wrongType != nullptr) {
-        *wrongType = present && !isString;
+QString textValue(const QVariant& value) {
+    if (value.typeId() == QMetaType::QString) {
+        return value.toString();
     }
-    return isString ? value.toString() : QString();
+    if (!value.isValid() || value.isNull()) {
+        return {};
+    }
+    if (value.typeId() == QMetaType::Bool) {
+        return value.toBool() ? QStringLiteral("1") : QStringLiteral("0");
+    }
+    return value.toString();
 }
 
 QString formatWithObject(const QString& format, const QString& argument) {

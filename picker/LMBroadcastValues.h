@@ -7,20 +7,16 @@
 
 namespace LMBroadcastValues {
 
-enum class FloatReading {
-    Absent,     // no value: 0
-    Number,     // a number, or a string that begins with one
-    NotANumber  // a value of another type, a string without a leading number, NaN or infinity: 0
-};
-
 // The platform's floatValue: a number, or a string that begins (after blanks) with a decimal
-// number, gives its value narrowed to single precision; an absent value gives 0. Anything else
-// gives 0 too, and says so through `reading`.
-float floatValue(const QVariant& value, FloatReading* reading = nullptr);
+// number, gives its value narrowed to single precision. An absent value gives 0, and so does
+// anything else (another type, no leading number, a value that is not finite in single
+// precision), so that no view or anchor is ever made from it.
+float floatValue(const QVariant& value);
 
-// A string as found: a null string for an absent value; `wrongType` is set (and a null string
-// answered) for a value that is present but not a string.
-QString stringValue(const QVariant& value, bool* wrongType = nullptr);
+// A text stored as it was found: a string as it is, a null string for an absent value. A value of
+// another type is kept as the text a reader of it gets: a number as it prints ("320.5", a boolean
+// as "1" or "0"), anything else as Qt converts it to a string (empty when it cannot).
+QString textValue(const QVariant& value);
 
 // `format` with its object placeholder filled with `argument` ("(null)" for a null string) and
 // "%%" made "%". The first "%@" and every "%1$@" give the argument; a further "%@" or any other

@@ -2,6 +2,9 @@
 
 #include <QDir>
 #include <QJsonObject>
+#include <map>
+
+#include "daemon/LMDaemonRequestCatalogue.h"
 
 namespace lumaro::test {
 
@@ -15,423 +18,167 @@ QUrl deniedFileURL() {
     return QUrl::fromLocalFile(QStringLiteral("/usr/lib/lumaro-denied/a.mov"));
 }
 
+QString tokenSelector(const QString& selector) {
+    QStringList parts = selector.split(QLatin1Char(':'));  // the last part is empty
+    parts.insert(parts.size() - 2, QStringLiteral("extensionToken"));
+    return parts.join(QLatin1Char(':'));
+}
+
+int tokenIndex(const QString& selector) {
+    return static_cast<int>(selector.count(QLatin1Char(':'))) - 1;
+}
+
 namespace {
 
 using Outcome = std::shared_ptr<RequestOutcome>;
 
-void noteError(const Outcome& o, const NSErrorPtr& e) {
-    o->blockCalls++;
-    if (e) {
-        o->errorsInBlock++;
-        o->lastErrorCode = e->code();
+// Any completion block: counts its calls and notes an error among its arguments.
+struct Block {
+    explicit Block(Outcome outcome) : o(std::move(outcome)) { o->blockHanded = true; }
+    Outcome o;
+    template <class... Args>
+    void operator()(const Args&... args) const {
+        o->blockCalls++;
+        (note(args), ...);
     }
-}
-
-LMDaemonProxy::ErrorBlock errorBlock(const Outcome& o) {
-    return [o](NSErrorPtr e) {
-        noteError(o, e);
-    };
-}
-LMDaemonProxy::SessionBlock sessionBlock(const Outcome& o) {
-    return [o](NSErrorPtr e, signed char, signed char) {
-        noteError(o, e);
-    };
-}
+    void note(const NSErrorPtr& e) const {
+        if (e) {
+            o->errorsInBlock++;
+            o->lastErrorCode = e->code();
+        }
+    }
+    template <class T>
+    void note(const T&) const {}
+};
 
 QJsonObject size(double w, double h) {
-    return QJsonObject{{QStringLiteral("width"), w}, {QStringLiteral("height"), h}};
+    return {{QStringLiteral("width"), w}, {QStringLiteral("height"), h}};
 }
-
-QJsonObject map(const char* k, int v) {
-    return QJsonObject{{QString::fromLatin1(k), v}};
+QJsonObject jmap(const char* k, int v) {
+    return {{QString::fromLatin1(k), v}};
 }
-
 QVariantMap vmap(const char* k, int v) {
-    return QVariantMap{{QString::fromLatin1(k), v}};
+    return {{QString::fromLatin1(k), v}};
+}
+
+enum Kind { Short, TaggedProxyError, TaggedError };
+
+struct Row {
+    Kind kind;
+    QJsonArray args;
+    std::function<void(LMDaemonProxy&, const Outcome&)> call;
+};
+
+#define CALL(...)                            \
+    [](LMDaemonProxy& p, const Outcome& o) { \
+        (void)o;                             \
+        p.__VA_ARGS__;                       \
+    }
+
+// One row for each request, in the catalogue's order.
+std::vector<Row> rows() {
+    const QString url = grantedFileURL().toString();
+    const QUrl file = grantedFileURL();
+    const QSizeF vga(640, 480);
+    // clang-format off
+    return {
+        {Short, {}, CALL(stopCurrentActiveSessionWithHandler(Block(o)))},
+        {Short, {}, CALL(stopAllActiveClients())},
+        {Short, {3, size(640, 480), 1, 0}, CALL(startInAppRecordingWithContextID(3, QSizeF(640, 480), 1, 0, Block(o)))},
+        {Short, {}, CALL(stopInAppRecordingWithHandler(Block(o)))},
+        {TaggedProxyError, {url}, CALL(stopInAppRecordingWithUrl(grantedFileURL(), Block(o)))},
+        {Short, {}, CALL(discardInAppRecordingWithHandler(Block(o)))},
+        {Short, {}, CALL(pauseInAppRecording())},
+        {TaggedError, {8}, CALL(resumeInAppRecordingWithWindowLayerContextID(8, Block(o)))},
+        {Short, {9, size(320, 200), 0, 1}, CALL(startInAppCaptureWithContextID(9, QSizeF(320, 200), 0, 1, Block(o)))},
+        {Short, {}, CALL(stopInAppCaptureWithHandler(Block(o)))},
+        {Short, {}, CALL(pauseInAppCapture())},
+        {TaggedError, {12}, CALL(resumeInAppCaptureWithWindowLayerContextID(12, Block(o)))},
+        {Short, {"com.example.host", "com.example.service.setup", "Y29uZmln", jmap("k", 1)},
+         CALL(setupBroadcastWithHostBundleID("com.example.host", "com.example.service.setup", QByteArray("config"), vmap("k", 1), Block(o)))},
+        {Short, {14, size(1, 2), 1, 1, QJsonObject{{"endpoint", "unix:path=/tmp/x"}}},
+         CALL(startInAppBroadcastWithContextID(14, QSizeF(1, 2), 1, 1, NSXPCListenerEndpoint("unix:path=/tmp/x"), Block(o)))},
+        {Short, {}, CALL(stopInAppBroadcastWithHandler(Block(o)))},
+        {Short, {}, CALL(pauseInAppBroadcast())},
+        {TaggedError, {17}, CALL(resumeInAppBroadcastWithWindowLayerContextID(17, Block(o)))},
+        {TaggedProxyError, {"not-a-token", 0}, CALL(consumeSandboxExtension("not-a-token", 0))},
+        {Short, {}, CALL(ledraApplicationDidResignActive())},
+        {TaggedError, {20}, CALL(ledraApplicationDidBecomeActiveWithContextID(20, Block(o)))},
+        {Short, {jmap("a", 21)}, CALL(appAudioCaptureOutputHandler(vmap("a", 21)))},
+        {TaggedProxyError, {url}, CALL(saveVideo(grantedFileURL(), Block(o)))},
+        {Short, {"file:///tmp/v.mov"}, CALL(saveVideoToCameraRoll(QUrl("file:///tmp/v.mov"), Block(o)))},
+        {Short, {"file:///tmp/c.mov"}, CALL(saveClipToCameraRoll(QUrl("file:///tmp/c.mov"), Block(o)))},
+        {Short, {QJsonValue(qint64(1) << 40)}, CALL(reportCameraUsage(int64_t(1) << 40))},
+        {TaggedProxyError, {-26}, CALL(updateProcessIDForAudioCaptureWithPID(-26))},
+        {Short, {"https://example.com/live/27"}, CALL(setBroadcastURL(QUrl("https://example.com/live/27")))},
+        {TaggedProxyError, {28, size(28, 28), 0, 0}, CALL(startClipBufferingWithContextID(28, QSizeF(28, 28), 0, 0, Block(o)))},
+        {TaggedProxyError, {}, CALL(stopClipBufferingWithCompletionHandler(Block(o)))},
+        {TaggedProxyError, {url, 2.5}, CALL(exportClipToURL(grantedFileURL(), 2.5, Block(o)))},
+        {TaggedError, {31}, CALL(resumeInAppClipWithWindowLayerContextID(31, Block(o)))},
+        {TaggedError, {"s32", jmap("c", 1), jmap("d", 2)}, CALL(updateStreamWithStreamConfiguration("s32", vmap("c", 1), vmap("d", 2), Block(o)))},
+        {TaggedError, {"s33", jmap("f", 1), jmap("d", 2)}, CALL(updateStreamWithContentFilter("s33", vmap("f", 1), vmap("d", 2), Block(o)))},
+        {TaggedError, {"s34", jmap("f", 3), jmap("p", 4)}, CALL(startCapture("s34", vmap("f", 3), vmap("p", 4), Block(o)))},
+        {TaggedError, {"s35", jmap("d", 5)}, CALL(stop("s35", vmap("d", 5), Block(o)))},
+        {TaggedError, {1, 36}, CALL(fetchShareableContentWithOption(1, 36, Block(o)))},
+    };
+    // clang-format on
+}
+
+// The untagged rows whose texts differ from "LMDaemonProxy: <first part>:withHandler:" and
+// "LMDaemonProxy: <first part>: proxy error: %d"; a null text keeps the pattern, an empty entry
+// means none is written.
+const std::map<int, std::pair<QString, QString>>& differingRows() {
+    static const std::map<int, std::pair<QString, QString>> rows = {
+        {7, {"LMDaemonProxy: pauseInAppRecording:", {}}},
+        {11, {"LMDaemonProxy: pauseInAppCapture", {}}},
+        {13, {"LMDaemonProxy: setupBroadcastWithHostBundleID:", "error: %d"}},
+        {16, {"LMDaemonProxy: pauseInAppBroadcast:", {}}},
+        {19,
+         {"LMDaemonProxy: ledraApplicationDidResignActive:",
+          "LMDaemonProxy: ledraApplicationDidResignActive proxy error: %d"}},
+        {21, {"", "LMDaemonProtocol: appAudioCaptureOutputHandler: proxy error: %d"}},
+        {23,
+         {"LMDaemonProxy: saveVideoToCameraRoll:",
+          "LMDaemonProxy: saveVideoToCameraRoll proxy error: %d"}},
+        {24,
+         {"LMDaemonProxy: saveClipToCameraRoll:",
+          "LMDaemonProxy: saveClipToCameraRoll proxy error: %d"}},
+        {25,
+         {"LMDaemonProxy: reportFrontCameraUsage",
+          "LMDaemonProtocol: reportFrontCameraUsage: proxy error: %d"}},
+        {27, {"", "LMDaemonProtocol: hasUserConsentForMicrophone: proxy error: %d"}},
+    };
+    return rows;
 }
 
 std::vector<RequestCase> makeCases() {
-    const QString url = grantedFileURL().toString();
-    using L = Logging;
-    auto S = [](const char* s) {
-        return QString::fromLatin1(s);
-    };
-    std::vector<RequestCase> c = {
-        {1,
-         S("stopCurrentActiveSessionWithHandler:"),
-         L::Short,
-         S("LMDaemonProxy: stopCurrentActiveSessionWithHandler:withHandler:"),
-         S("LMDaemonProxy: stopCurrentActiveSessionWithHandler: proxy error: %d"),
-         true,
-         {},
-         [](LMDaemonProxy& p, const Outcome& o) {
-             p.stopCurrentActiveSessionWithHandler([o](signed char) { o->blockCalls++; });
-         }},
-        {2,
-         S("stopAllActiveClients"),
-         L::Short,
-         S("LMDaemonProxy: stopAllActiveClients:withHandler:"),
-         S("LMDaemonProxy: stopAllActiveClients: proxy error: %d"),
-         false,
-         {},
-         [](LMDaemonProxy& p, const Outcome&) {
-             p.stopAllActiveClients();
-         }},
-        {3,
-         S("startInAppRecordingWithContextID:windowSize:microphoneEnabled:cameraEnabled:"
-           "withHandler:"),
-         L::Short,
-         S("LMDaemonProxy: startInAppRecordingWithContextID:withHandler:"),
-         S("LMDaemonProxy: startInAppRecordingWithContextID: proxy error: %d"),
-         true,
-         {3, size(640, 480), 1, 0},
-         [](LMDaemonProxy& p, const Outcome& o) {
-             p.startInAppRecordingWithContextID(3, QSizeF(640, 480), 1, 0, sessionBlock(o));
-         }},
-        {4,
-         S("stopInAppRecordingWithHandler:"),
-         L::Short,
-         S("LMDaemonProxy: stopInAppRecordingWithHandler:withHandler:"),
-         S("LMDaemonProxy: stopInAppRecordingWithHandler: proxy error: %d"),
-         true,
-         {},
-         [](LMDaemonProxy& p, const Outcome& o) {
-             p.stopInAppRecordingWithHandler([o](QUrl, NSErrorPtr e) { noteError(o, e); });
-         }},
-        {5,
-         S("stopInAppRecordingWithUrl:handler:"),
-         L::Tagged,
-         {},
-         S("proxy error: "),
-         true,
-         {url},
-         [](LMDaemonProxy& p, const Outcome& o) {
-             p.stopInAppRecordingWithUrl(grantedFileURL(), errorBlock(o));
-         }},
-        {6,
-         S("discardInAppRecordingWithHandler:"),
-         L::Short,
-         S("LMDaemonProxy: discardInAppRecordingWithHandler:withHandler:"),
-         S("LMDaemonProxy: discardInAppRecordingWithHandler: proxy error: %d"),
-         true,
-         {},
-         [](LMDaemonProxy& p, const Outcome& o) {
-             p.discardInAppRecordingWithHandler([o] { o->blockCalls++; });
-         }},
-        {7,
-         S("pauseInAppRecording"),
-         L::Short,
-         S("LMDaemonProxy: pauseInAppRecording:"),
-         S("LMDaemonProxy: pauseInAppRecording: proxy error: %d"),
-         false,
-         {},
-         [](LMDaemonProxy& p, const Outcome&) {
-             p.pauseInAppRecording();
-         }},
-        {8,
-         S("resumeInAppRecordingWithWindowLayerContextID:completionHandler:"),
-         L::Tagged,
-         {},
-         S("error: "),
-         true,
-         {8},
-         [](LMDaemonProxy& p, const Outcome& o) {
-             p.resumeInAppRecordingWithWindowLayerContextID(8, sessionBlock(o));
-         }},
-        {9,
-         S("startInAppCaptureWithContextID:windowSize:microphoneEnabled:cameraEnabled:"
-           "withHandler:"),
-         L::Short,
-         S("LMDaemonProxy: startInAppCaptureWithContextID:withHandler:"),
-         S("LMDaemonProxy: startInAppCaptureWithContextID: proxy error: %d"),
-         true,
-         {9, size(320, 200), 0, 1},
-         [](LMDaemonProxy& p, const Outcome& o) {
-             p.startInAppCaptureWithContextID(9, QSizeF(320, 200), 0, 1, sessionBlock(o));
-         }},
-        {10,
-         S("stopInAppCaptureWithHandler:"),
-         L::Short,
-         S("LMDaemonProxy: stopInAppCaptureWithHandler:withHandler:"),
-         S("LMDaemonProxy: stopInAppCaptureWithHandler: proxy error: %d"),
-         true,
-         {},
-         [](LMDaemonProxy& p, const Outcome& o) {
-             p.stopInAppCaptureWithHandler(errorBlock(o));
-         }},
-        {11,
-         S("pauseInAppCapture"),
-         L::Short,
-         S("LMDaemonProxy: pauseInAppCapture"),
-         S("LMDaemonProxy: pauseInAppCapture: proxy error: %d"),
-         false,
-         {},
-         [](LMDaemonProxy& p, const Outcome&) {
-             p.pauseInAppCapture();
-         }},
-        {12,
-         S("resumeInAppCaptureWithWindowLayerContextID:completionHandler:"),
-         L::Tagged,
-         {},
-         S("error: "),
-         true,
-         {12},
-         [](LMDaemonProxy& p, const Outcome& o) {
-             p.resumeInAppCaptureWithWindowLayerContextID(12, sessionBlock(o));
-         }},
-        {13,
-         S("setupBroadcastWithHostBundleID:broadcastExtensionBundleID:broadcastConfigurationData:"
-           "userInfo:handler:"),
-         L::Short,
-         S("LMDaemonProxy: setupBroadcastWithHostBundleID:"),
-         S("error: %d"),
-         true,
-         {S("com.example.host"), S("com.example.service.setup"), S("Y29uZmln"), map("k", 1)},
-         [](LMDaemonProxy& p, const Outcome& o) {
-             p.setupBroadcastWithHostBundleID(QStringLiteral("com.example.host"),
-                                              QStringLiteral("com.example.service.setup"),
-                                              QByteArray("config"), vmap("k", 1), errorBlock(o));
-         }},
-        {14,
-         S("startInAppBroadcastWithContextID:windowSize:microphoneEnabled:cameraEnabled:"
-           "listenerEndpoint:withHandler:"),
-         L::Short,
-         S("LMDaemonProxy: startInAppBroadcastWithContextID:withHandler:"),
-         S("LMDaemonProxy: startInAppBroadcastWithContextID: proxy error: %d"),
-         true,
-         {14, size(1, 2), 1, 1, QJsonObject{{S("endpoint"), S("unix:path=/tmp/x")}}},
-         [](LMDaemonProxy& p, const Outcome& o) {
-             p.startInAppBroadcastWithContextID(
-                 14, QSizeF(1, 2), 1, 1, NSXPCListenerEndpoint(QStringLiteral("unix:path=/tmp/x")),
-                 sessionBlock(o));
-         }},
-        {15,
-         S("stopInAppBroadcastWithHandler:"),
-         L::Short,
-         S("LMDaemonProxy: stopInAppBroadcastWithHandler:withHandler:"),
-         S("LMDaemonProxy: stopInAppBroadcastWithHandler: proxy error: %d"),
-         true,
-         {},
-         [](LMDaemonProxy& p, const Outcome& o) {
-             p.stopInAppBroadcastWithHandler(errorBlock(o));
-         }},
-        {16,
-         S("pauseInAppBroadcast"),
-         L::Short,
-         S("LMDaemonProxy: pauseInAppBroadcast:"),
-         S("LMDaemonProxy: pauseInAppBroadcast: proxy error: %d"),
-         false,
-         {},
-         [](LMDaemonProxy& p, const Outcome&) {
-             p.pauseInAppBroadcast();
-         }},
-        {17,
-         S("resumeInAppBroadcastWithWindowLayerContextID:completionHandler:"),
-         L::Tagged,
-         {},
-         S("error: "),
-         true,
-         {17},
-         [](LMDaemonProxy& p, const Outcome& o) {
-             p.resumeInAppBroadcastWithWindowLayerContextID(17, sessionBlock(o));
-         }},
-        {18,
-         S("consumeSandboxExtension:processNewConnection:"),
-         L::Tagged,
-         {},
-         S("proxy error: "),
-         false,
-         {S("not-a-token"), 0},
-         [](LMDaemonProxy& p, const Outcome&) {
-             p.consumeSandboxExtension(QStringLiteral("not-a-token"), 0);
-         }},
-        {19,
-         S("ledraApplicationDidResignActive"),
-         L::Short,
-         S("LMDaemonProxy: ledraApplicationDidResignActive:"),
-         S("LMDaemonProxy: ledraApplicationDidResignActive proxy error: %d"),
-         false,
-         {},
-         [](LMDaemonProxy& p, const Outcome&) {
-             p.ledraApplicationDidResignActive();
-         }},
-        {20,
-         S("ledraApplicationDidBecomeActiveWithContextID:completionHandler:"),
-         L::Tagged,
-         {},
-         S("error: "),
-         true,
-         {20},
-         [](LMDaemonProxy& p, const Outcome& o) {
-             p.ledraApplicationDidBecomeActiveWithContextID(20, sessionBlock(o));
-         }},
-        {21,
-         S("appAudioCaptureOutputHandler:"),
-         L::ShortEntryDisabled,
-         S("LMDaemonProxy: appAudioCaptureOutputHandler"),
-         S("LMDaemonProtocol: appAudioCaptureOutputHandler: proxy error: %d"),
-         false,
-         {map("a", 21)},
-         [](LMDaemonProxy& p, const Outcome&) {
-             p.appAudioCaptureOutputHandler(vmap("a", 21));
-         }},
-        {22,
-         S("saveVideo:handler:"),
-         L::Tagged,
-         {},
-         S("proxy error: "),
-         true,
-         {url},
-         [](LMDaemonProxy& p, const Outcome& o) {
-             p.saveVideo(grantedFileURL(), errorBlock(o));
-         }},
-        {23,
-         S("saveVideoToCameraRoll:handler:"),
-         L::Short,
-         S("LMDaemonProxy: saveVideoToCameraRoll:"),
-         S("LMDaemonProxy: saveVideoToCameraRoll proxy error: %d"),
-         true,
-         {S("file:///tmp/v.mov")},
-         [](LMDaemonProxy& p, const Outcome& o) {
-             p.saveVideoToCameraRoll(QUrl(QStringLiteral("file:///tmp/v.mov")), errorBlock(o));
-         }},
-        {24,
-         S("saveClipToCameraRoll:handler:"),
-         L::Short,
-         S("LMDaemonProxy: saveClipToCameraRoll:"),
-         S("LMDaemonProxy: saveClipToCameraRoll proxy error: %d"),
-         true,
-         {S("file:///tmp/c.mov")},
-         [](LMDaemonProxy& p, const Outcome& o) {
-             p.saveClipToCameraRoll(QUrl(QStringLiteral("file:///tmp/c.mov")), errorBlock(o));
-         }},
-        {25,
-         S("reportCameraUsage:"),
-         L::Short,
-         S("LMDaemonProxy: reportFrontCameraUsage"),
-         S("LMDaemonProtocol: reportFrontCameraUsage: proxy error: %d"),
-         false,
-         {QJsonValue(qint64(1) << 40)},
-         [](LMDaemonProxy& p, const Outcome&) {
-             p.reportCameraUsage(int64_t(1) << 40);
-         }},
-        {26,
-         S("updateProcessIDForAudioCaptureWithPID:"),
-         L::Tagged,
-         {},
-         S("proxy error: "),
-         false,
-         {-26},
-         [](LMDaemonProxy& p, const Outcome&) {
-             p.updateProcessIDForAudioCaptureWithPID(-26);
-         }},
-        {27,
-         S("setBroadcastURL:"),
-         L::NoEntry,
-         {},
-         S("LMDaemonProtocol: hasUserConsentForMicrophone: proxy error: %d"),
-         false,
-         {S("https://example.com/live/27")},
-         [](LMDaemonProxy& p, const Outcome&) {
-             p.setBroadcastURL(QUrl(QStringLiteral("https://example.com/live/27")));
-         }},
-        {28,
-         S("startClipBufferingWithContextID:windowSize:microphoneEnabled:cameraEnabled:"
-           "withCompletionHandler:"),
-         L::Tagged,
-         {},
-         S("proxy error: "),
-         true,
-         {28, size(28, 28), 0, 0},
-         [](LMDaemonProxy& p, const Outcome& o) {
-             p.startClipBufferingWithContextID(28, QSizeF(28, 28), 0, 0, sessionBlock(o));
-         }},
-        {29,
-         S("stopClipBufferingWithCompletionHandler:"),
-         L::Tagged,
-         {},
-         S("proxy error: "),
-         true,
-         {},
-         [](LMDaemonProxy& p, const Outcome& o) {
-             p.stopClipBufferingWithCompletionHandler(errorBlock(o));
-         }},
-        {30,
-         S("exportClipToURL:duration:completionHandler:"),
-         L::Tagged,
-         {},
-         S("proxy error: "),
-         true,
-         {url, 2.5},
-         [](LMDaemonProxy& p, const Outcome& o) {
-             p.exportClipToURL(grantedFileURL(), 2.5, errorBlock(o));
-         }},
-        {31,
-         S("resumeInAppClipWithWindowLayerContextID:completionHandler:"),
-         L::Tagged,
-         {},
-         S("error: "),
-         true,
-         {31},
-         [](LMDaemonProxy& p, const Outcome& o) {
-             p.resumeInAppClipWithWindowLayerContextID(31, sessionBlock(o));
-         }},
-        {32,
-         S("updateStream:withStreamConfiguration:streamData:completionHandler:"),
-         L::Tagged,
-         {},
-         S("error: "),
-         true,
-         {S("s32"), map("c", 1), map("d", 2)},
-         [](LMDaemonProxy& p, const Outcome& o) {
-             p.updateStreamWithStreamConfiguration(QStringLiteral("s32"), vmap("c", 1),
-                                                   vmap("d", 2), errorBlock(o));
-         }},
-        {33,
-         S("updateStream:withContentFilter:streamData:completionHandler:"),
-         L::Tagged,
-         {},
-         S("error: "),
-         true,
-         {S("s33"), map("f", 1), map("d", 2)},
-         [](LMDaemonProxy& p, const Outcome& o) {
-             p.updateStreamWithContentFilter(QStringLiteral("s33"), vmap("f", 1), vmap("d", 2),
-                                             errorBlock(o));
-         }},
-        {34,
-         S("startCapture:withContentFilter:properties:completionHandler:"),
-         L::Tagged,
-         {},
-         S("error: "),
-         true,
-         {S("s34"), map("f", 3), map("p", 4)},
-         [](LMDaemonProxy& p, const Outcome& o) {
-             p.startCapture(QStringLiteral("s34"), vmap("f", 3), vmap("p", 4), errorBlock(o));
-         }},
-        {35,
-         S("stop:streamData:withCompletionHandler:"),
-         L::Tagged,
-         {},
-         S("error: "),
-         true,
-         {S("s35"), map("d", 5)},
-         [](LMDaemonProxy& p, const Outcome& o) {
-             p.stop(QStringLiteral("s35"), vmap("d", 5), errorBlock(o));
-         }},
-        {36,
-         S("fetchShareableContentWithOption:windowID:withCompletionHandler:"),
-         L::Tagged,
-         {},
-         S("error: "),
-         true,
-         {1, 36},
-         [](LMDaemonProxy& p, const Outcome& o) {
-             p.fetchShareableContentWithOption(
-                 1, 36,
-                 [o](QVariantList, QVariantList, QVariantList, NSErrorPtr e) { noteError(o, e); });
-         }},
-    };
-    return c;
+    std::vector<RequestCase> cases;
+    const std::vector<Row> table = rows();
+    for (const LMDaemonRequest& request : LMDaemonRequestCatalogue()) {
+        const Row& row = table.at(static_cast<size_t>(request.row - 1));
+        RequestCase c{
+            request.row,
+            QString::fromLatin1(request.selector.data(),
+                                static_cast<qsizetype>(request.selector.size())),
+            row.kind != Short,
+            {},
+            row.kind == TaggedError ? QStringLiteral("error: ") : QStringLiteral("proxy error: "),
+            row.args,
+            row.call};
+        if (row.kind == Short) {
+            const QString first = c.selector.section(QLatin1Char(':'), 0, 0);
+            c.entryText = QStringLiteral("LMDaemonProxy: %1:withHandler:").arg(first);
+            c.errorText = QStringLiteral("LMDaemonProxy: %1: proxy error: %d").arg(first);
+            const auto differing = differingRows().find(c.row);
+            if (differing != differingRows().end()) {
+                const auto& [entry, error] = differing->second;
+                c.entryText = entry.isNull() ? c.entryText : entry;
+                c.errorText = error.isNull() ? c.errorText : error;
+            }
+        }
+        cases.push_back(std::move(c));
+    }
+    return cases;
 }
 
 }  // namespace

@@ -11,7 +11,6 @@
 #include "tests/daemon/RequestCases.h"
 
 using lumaro::test::DaemonEnvironment;
-using lumaro::test::Logging;
 using lumaro::test::RequestOutcome;
 using platform::dispatch::runMainLoopUntil;
 using platform::log::LogCapture;
@@ -70,38 +69,29 @@ TEST(DaemonUnreachableTest, EveryRequestFailsThroughItsErrorHandlerInTheRowsWord
                 }
             }
             const QString code = QStringLiteral("4099");
-            switch (c.logging) {
-                case Logging::Short:
-                case Logging::ShortEntryDisabled:
-                case Logging::NoEntry: {
-                    ASSERT_EQ(errors.size(), 1u);
-                    EXPECT_EQ(QString::fromStdString(errors[0].text),
-                              QString(c.errorText).replace(QStringLiteral("%d"), code));
-                    if (c.logging == Logging::Short) {
-                        ASSERT_EQ(entry.size(), 1u);
-                        EXPECT_EQ(QString::fromStdString(entry[0]), c.entryText);
-                    } else {
-                        EXPECT_TRUE(entry.empty());
-                    }
-                    break;
+            if (!c.tagged) {
+                ASSERT_EQ(errors.size(), 1u);
+                EXPECT_EQ(QString::fromStdString(errors[0].text),
+                          QString(c.errorText).replace(QStringLiteral("%d"), code));
+                ASSERT_EQ(entry.size(), c.entryText.isEmpty() ? 0u : 1u);
+                if (!c.entryText.isEmpty()) {
+                    EXPECT_EQ(QString::fromStdString(entry[0]), c.entryText);
                 }
-                case Logging::Tagged: {
-                    const QRegularExpression error(
-                        QStringLiteral("^ \\[ERROR\\] %1_block_invoke:\\d+ %2%3$")
-                            .arg(QRegularExpression::escape(method), c.errorText, code));
-                    ASSERT_EQ(errors.size(), level < 3 ? 1u : 0u);
-                    if (level < 3) {
-                        EXPECT_TRUE(error.match(QString::fromStdString(errors[0].text)).hasMatch())
-                            << errors[0].text;
-                    }
-                    const QRegularExpression info(QStringLiteral("^ \\[INFO\\] %1:\\d+ $")
-                                                      .arg(QRegularExpression::escape(method)));
-                    ASSERT_EQ(entry.size(), level < 2 ? 1u : 0u);
-                    if (level < 2) {
-                        EXPECT_TRUE(info.match(QString::fromStdString(entry[0])).hasMatch())
-                            << entry[0];
-                    }
-                    break;
+            } else {
+                const QRegularExpression error(
+                    QStringLiteral("^ \\[ERROR\\] %1_block_invoke:\\d+ %2%3$")
+                        .arg(QRegularExpression::escape(method), c.errorText, code));
+                ASSERT_EQ(errors.size(), level < 3 ? 1u : 0u);
+                if (level < 3) {
+                    EXPECT_TRUE(error.match(QString::fromStdString(errors[0].text)).hasMatch())
+                        << errors[0].text;
+                }
+                const QRegularExpression info(QStringLiteral("^ \\[INFO\\] %1:\\d+ $")
+                                                  .arg(QRegularExpression::escape(method)));
+                ASSERT_EQ(entry.size(), level < 2 ? 1u : 0u);
+                if (level < 2) {
+                    EXPECT_TRUE(info.match(QString::fromStdString(entry[0])).hasMatch())
+                        << entry[0];
                 }
             }
             EXPECT_EQ(outcome->blockCalls.load(), 0);

@@ -1,4 +1,4 @@
-// The keyed archive, item providers, titled items and their plain-value form.
+// The keyed archive, item providers, and titled items with their plain-value form.
 #include <gtest/gtest.h>
 
 #include <QDateTime>
@@ -125,31 +125,17 @@ TEST(ItemProvider, LoadsConformingTypesOnAGlobalQueueAndRefusesOthers) {
     provider->loadItemForTypeIdentifier(kUTTypeData, {}, nullptr);  // an empty handler is fine
 }
 
-TEST(TitledItem, CarriesTitleAndOneDataProviderAndSurvivesThePlainValueTrip) {
+TEST(TitledItem, CarriesTitleAndOneDataProviderAndMalformedPlainValuesAreRefused) {
     const NSExtensionItemPtr item = LMExtensions::itemWithTitle(
         "LMBroadcastExtensionKeyExtensionHostInfo", QVariantMap{{"k", QByteArray("\x00v", 2)}});
     EXPECT_EQ(item->attributedTitle(), "LMBroadcastExtensionKeyExtensionHostInfo");
     ASSERT_EQ(item->attachments().size(), 1u);
     EXPECT_EQ(item->attachments()[0]->typeIdentifier(), kUTTypeData);
-    item->setUserInfo({{"u", 1}});
-
-    // Through the archive, as an inter-process transport carries it.
-    NSErrorPtr error;
-    const QByteArray wire =
-        NSKeyedArchiver::archivedDataWithRootObject(item->toPlainValue(), &error);
-    ASSERT_FALSE(error);
-    QString reason;
-    const NSExtensionItemPtr back = NSExtensionItem::fromPlainValue(
-        NSKeyedUnarchiver::unarchiveObjectWithData(wire).toMap(), &reason);
-    ASSERT_TRUE(back) << reason.toStdString();
-    EXPECT_EQ(back->attributedTitle(), item->attributedTitle());
-    EXPECT_EQ(back->userInfo().value("u").toLongLong(), 1);
-    ASSERT_EQ(back->attachments().size(), 1u);
-    EXPECT_EQ(back->attachments()[0]->typeIdentifier(), kUTTypeData);
-    const Loaded loaded = load(*back->attachments()[0], kUTTypeData);
+    const Loaded loaded = load(*item->attachments()[0], kUTTypeData);
     EXPECT_EQ(loaded.item.toMap().value("k").toByteArray(), QByteArray("\x00v", 2));
 
-    // No title stays no title; malformed values are refused with a reason.
+    // The trip through the wire is the extension runtime's (tests/platform/extension). Here: no
+    // title stays no title, and malformed plain values are refused with a reason.
     EXPECT_TRUE(NSExtensionItem::fromPlainValue(NSExtensionItem().toPlainValue())
                     ->attributedTitle()
                     .isNull());
@@ -157,7 +143,7 @@ TEST(TitledItem, CarriesTitleAndOneDataProviderAndSurvivesThePlainValueTrip) {
          {QVariantMap{{"attributedTitle", 5}}, QVariantMap{{"attachments", "x"}},
           QVariantMap{{"attachments", QVariantList{QVariantMap{{"item", 1}}}}},
           QVariantMap{{"userInfo", QVariantList{}}}}) {
-        reason.clear();
+        QString reason;
         EXPECT_FALSE(NSExtensionItem::fromPlainValue(bad, &reason));
         EXPECT_FALSE(reason.isEmpty());
     }

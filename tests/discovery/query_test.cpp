@@ -86,6 +86,7 @@ TEST_F(QueryTest, BaseIdentifierIsACaseSensitivePrefix) {
     EXPECT_EQ(query("com.test.alpha", {}, {}).identifiers(), QStringList{"com.test.alpha.sub"});
     EXPECT_EQ(query("com.test.Alpha", {}, {}).identifiers(), QStringList{"com.test.Alpha"});
     EXPECT_TRUE(query("COM.", {}, {}).extensions.empty());
+    EXPECT_TRUE(query(QStringLiteral(""), {}, {}).extensions.empty());  // no prefix of anything
     // The short forms pass their arguments to the right places.
     const QueryResult viaShort = waitFor([](auto completion) {
         LMExtensions::extensionsWithMatchingPointNameBaseIdentifierCompletion(

@@ -1,6 +1,6 @@
 // The streaming activity: title, the image taken at construction against activityImage, the
-// delegate hand-off and its strong ownership, the menu entry that automation chooses by the
-// extension's identifier, and icons that are missing or not images.
+// delegate hand-off and its strong ownership, and icons that are missing or not images. Choosing
+// an entry by the extension's identifier runs end to end (tests/e2e).
 #include <gtest/gtest.h>
 
 #include <QBuffer>
@@ -127,29 +127,6 @@ TEST_F(StreamingActivityTest, ChoosingHandsTheActivityToItsStronglyHeldDelegate)
               (std::vector<LMStreamingActivity*>{activity.get(), activity.get()}));
     activity->setDelegate(nullptr);
     EXPECT_TRUE(watch.expired());
-}
-
-TEST_F(StreamingActivityTest, AutomationChoosesTheEntryByTheExtensionIdentifier) {
-    const auto activity = LMStreamingActivity::initWithApplicationExtension(extension({}));
-    auto delegate = std::make_shared<RecordingDelegate>();
-    activity->setDelegate(delegate);
-    auto menu = NSMenu::initWithTitle("Screen Broadcast");
-    auto title = NSMenuItem::initWithTitle("Broadcast to", {}, QString());
-    title->setEnabled(false);
-    menu->setItemArray({title, activity});
-    menu->setAutoenablesItems(false);
-
-    auto presenter = std::make_shared<platform::appkit::AutomationMenuPresenter>(
-        QStringLiteral("com.test.activity"));
-    platform::appkit::NSMenuPresenter::setCurrent(presenter);
-    EXPECT_TRUE(menu->popUpMenuPositioningItem(nullptr, NSMakePoint(1, 2), nullptr));
-    platform::appkit::NSMenuPresenter::setCurrent(nullptr);
-    ASSERT_TRUE(platform::dispatch::runMainLoopUntil(
-        [&delegate] { return !delegate->received.empty(); }, 20000));
-    EXPECT_EQ(delegate->received, (std::vector<LMStreamingActivity*>{activity.get()}));
-    ASSERT_EQ(presenter->records().size(), 1u);
-    EXPECT_EQ(presenter->records()[0].chosen, 1);
-    activity->setDelegate(nullptr);
 }
 
 TEST_F(StreamingActivityTest, MissingOrBrokenIconsGiveThePlaceholderAndOneErrorLine) {

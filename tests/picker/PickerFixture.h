@@ -14,37 +14,8 @@
 #include "picker/LMBroadcastActivityExtensionNSViewController.h"
 #include "platform/appkit/NSMenuPresenter.h"
 #include "platform/log/os_log.h"
-#include "platform/xpc/NSXPCConnection.h"
-#include "service/LMBroadcastActivityViewServiceProtocols.h"
 
 namespace lumaro::test {
-
-// A host on the other end of the auxiliary connection: accepts the picker's link, exports the
-// host interface, and records every message that arrives (and the connections it accepted).
-class RecordingHost : public NSXPCListenerDelegate, public NSXPCInvocationTarget {
-public:
-    bool listener(NSXPCListener*, const std::shared_ptr<NSXPCConnection>& connection) override {
-        connection->setExportedInterface(BroadcastActivityViewServiceExtension::
-                                             __LMBroadcastActivity_viewServiceHostInterface());
-        connection->setExportedObject(self.lock());
-        std::lock_guard lock(mutex);
-        connections.push_back(connection);
-        return true;
-    }
-    void performSelector(const QString& selector, const QVariantList& arguments) override {
-        std::lock_guard lock(mutex);
-        messages.emplace_back(selector, arguments);
-    }
-    std::vector<std::pair<QString, QVariantList>> received() const {
-        std::lock_guard lock(mutex);
-        return messages;
-    }
-
-    std::weak_ptr<RecordingHost> self;
-    mutable std::mutex mutex;
-    std::vector<std::pair<QString, QVariantList>> messages;
-    std::vector<std::shared_ptr<NSXPCConnection>> connections;
-};
 
 // An input item with `userInfo`; a titled item; the host-information item.
 NSExtensionItemPtr requestItem(const QVariantMap& userInfo);
