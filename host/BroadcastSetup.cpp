@@ -6,7 +6,7 @@
 #include <QString>
 #include <QTimer>
 
-#include "picker/LMBroadcastHostRequest.h"
+#include "host/LMBroadcastHostRequest.h"
 
 namespace lumaro::broadcast {
 

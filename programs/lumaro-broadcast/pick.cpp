@@ -4,7 +4,7 @@
 #include <QFile>
 #include <QTextStream>
 
-#include "picker/LMBroadcastHostRequest.h"
+#include "host/LMBroadcastHostRequest.h"
 #include "platform/dispatch/dispatch.h"
 #include "platform/extension/NSExtensionRequest.h"
 #include "programs/lumaro-broadcast/Command.h"

@@ -1,4 +1,4 @@
-#include "picker/LMBroadcastHostRequest.h"
+#include "host/LMBroadcastHostRequest.h"
 
 #include <unistd.h>
 
