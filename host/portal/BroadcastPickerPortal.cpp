@@ -23,50 +23,32 @@ const QString kRequestInterface = QStringLiteral("com.vantor.lumaro.Request");
 const QString kRequestPrefix = kPath + QStringLiteral("/request/");
 const QString kInvalidArgs = QStringLiteral("org.freedesktop.DBus.Error.InvalidArgs");
 
-// What each option must be, by its D-Bus type.
-enum class Kind { Text, Number, Bytes };
-const std::map<QString, Kind>& optionKinds() {
-    static const std::map<QString, Kind> kinds{
-        {QStringLiteral("handle_token"), Kind::Text},
-        {QStringLiteral("app-name"), Kind::Text},
-        {QStringLiteral("bundle-id"), Kind::Text},
-        {QStringLiteral("icon"), Kind::Bytes},
-        {QStringLiteral("preferred-extension"), Kind::Text},
-        {QStringLiteral("x"), Kind::Number},
-        {QStringLiteral("y"), Kind::Number},
-        {QStringLiteral("width"), Kind::Number},
-        {QStringLiteral("height"), Kind::Number},
-        {QStringLiteral("title"), Kind::Text},
-        {QStringLiteral("no-service"), Kind::Text},
-        {QStringLiteral("find-apps"), Kind::Text},
-        {QStringLiteral("not-installed-title"), Kind::Text},
-        {QStringLiteral("not-installed-message"), Kind::Text},
+// Each option's type: what QtDBus hands over for it, and its D-Bus signature for the error.
+struct OptionType {
+    QMetaType::Type type;
+    const char* signature;
+};
+const std::map<QString, OptionType>& optionTypes() {
+    static const OptionType text{QMetaType::QString, "s"};
+    static const OptionType number{QMetaType::Double, "d"};
+    static const OptionType bytes{QMetaType::QByteArray, "ay"};
+    static const std::map<QString, OptionType> types{
+        {QStringLiteral("handle_token"), text},
+        {QStringLiteral("app-name"), text},
+        {QStringLiteral("bundle-id"), text},
+        {QStringLiteral("icon"), bytes},
+        {QStringLiteral("preferred-extension"), text},
+        {QStringLiteral("x"), number},
+        {QStringLiteral("y"), number},
+        {QStringLiteral("width"), number},
+        {QStringLiteral("height"), number},
+        {QStringLiteral("title"), text},
+        {QStringLiteral("no-service"), text},
+        {QStringLiteral("find-apps"), text},
+        {QStringLiteral("not-installed-title"), text},
+        {QStringLiteral("not-installed-message"), text},
     };
-    return kinds;
-}
-
-bool hasKind(const QVariant& value, Kind kind) {
-    switch (kind) {
-    case Kind::Text:
-        return value.typeId() == QMetaType::QString;
-    case Kind::Number:
-        return value.typeId() == QMetaType::Double;
-    case Kind::Bytes:
-        return value.typeId() == QMetaType::QByteArray;
-    }
-    return false;
-}
-
-const char* signatureOf(Kind kind) {
-    switch (kind) {
-    case Kind::Text:
-        return "s";
-    case Kind::Number:
-        return "d";
-    case Kind::Bytes:
-        return "ay";
-    }
-    return "";
+    return types;
 }
 
 std::string utf8(const QVariantMap& options, const char* key, const char* fallback) {
@@ -177,10 +159,10 @@ void BroadcastPickerPortal::setupBroadcast(const QDBusMessage& message) {
     QVariantMap options;
     message.arguments().at(1).value<QDBusArgument>() >> options;
     for (auto it = options.cbegin(); it != options.cend(); ++it) {
-        const auto kind = optionKinds().find(it.key());
-        if (kind != optionKinds().end() && !hasKind(it.value(), kind->second)) {
+        const auto type = optionTypes().find(it.key());
+        if (type != optionTypes().end() && it.value().typeId() != type->second.type) {
             refuse(kInvalidArgs, QStringLiteral("option %1 must be of type %2")
-                                     .arg(it.key(), QLatin1String(signatureOf(kind->second))));
+                                     .arg(it.key(), QLatin1String(type->second.signature)));
             return;
         }
     }
