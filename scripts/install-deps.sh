@@ -10,6 +10,7 @@ packages=(
   libsystemd-dev
   dbus-daemon dbus-bin
   xvfb xauth
+  qt6-wayland libwayland-dev weston
 )
 
 missing=()
