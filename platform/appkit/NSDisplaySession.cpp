@@ -32,38 +32,46 @@ QString waylandSocketPath() {
     return runtime.isEmpty() ? QString() : runtime + QLatin1Char('/') + name;
 }
 
-bool waylandSocketAnswers(QString* why) {
-    const QString path = waylandSocketPath();
+bool unixSocketAnswers(const QString& path, QString* why) {
     const auto fail = [why](const QString& reason) {
         if (why != nullptr) {
             *why = reason;
         }
         return false;
     };
-    if (path.isEmpty()) {
-        return fail(QStringLiteral("WAYLAND_DISPLAY=%1 is relative and XDG_RUNTIME_DIR is not set")
-                        .arg(env("WAYLAND_DISPLAY")));
-    }
     const QByteArray encoded = path.toLocal8Bit();
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     if (static_cast<size_t>(encoded.size()) >= sizeof(address.sun_path)) {
-        return fail(QStringLiteral("the Wayland socket path %1 is too long").arg(path));
+        return fail(QStringLiteral("the socket path is too long"));
     }
     std::memcpy(address.sun_path, encoded.constData(), static_cast<size_t>(encoded.size()));
     const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0) {
-        return fail(QStringLiteral("no socket: %1").arg(QString::fromLocal8Bit(strerror(errno))));
+        return fail(QString::fromLocal8Bit(strerror(errno)));
     }
     const int result = ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address);
     const int error = errno;
     ::close(fd);
-    if (result != 0) {
-        return fail(QStringLiteral("no Wayland compositor answers on %1 (WAYLAND_DISPLAY=%2): %3")
-                        .arg(path, env("WAYLAND_DISPLAY"),
-                             QString::fromLocal8Bit(strerror(error))));
+    return result == 0 || fail(QString::fromLocal8Bit(strerror(error)));
+}
+
+bool waylandSocketAnswers(QString* why) {
+    const QString path = waylandSocketPath();
+    QString reason;
+    if (path.isEmpty()) {
+        reason = QStringLiteral("WAYLAND_DISPLAY=%1 is relative and XDG_RUNTIME_DIR is not set")
+                     .arg(env("WAYLAND_DISPLAY"));
+    } else if (!unixSocketAnswers(path, &reason)) {
+        reason = QStringLiteral("no Wayland compositor answers on %1 (WAYLAND_DISPLAY=%2): %3")
+                     .arg(path, env("WAYLAND_DISPLAY"), reason);
+    } else {
+        return true;
     }
-    return true;
+    if (why != nullptr) {
+        *why = reason;
+    }
+    return false;
 }
 
 DisplayChoice chooseDisplaySession() {

@@ -42,6 +42,8 @@ void applyDisplayChoice(const DisplayChoice& choice);
 QString waylandSocketPath();
 // Whether a Wayland compositor accepts a connection on the socket; `why` says what failed.
 bool waylandSocketAnswers(QString* why);
+// Whether something accepts a connection on the Unix socket at `path`; `why` says what failed.
+bool unixSocketAnswers(const QString& path, QString* why = nullptr);
 
 // Whether a Qt platform name is a real display ("xcb", "wayland", "wayland-egl"...), not an
 // offscreen or minimal one.

@@ -1,7 +1,5 @@
 #include "tests/support/WestonServer.h"
 
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <QDeadlineTimer>
@@ -9,30 +7,14 @@
 #include <QFile>
 #include <QStandardPaths>
 #include <QTemporaryDir>
-#include <cstring>
+
+#include "platform/appkit/NSDisplaySession.h"
 
 namespace lumaro::test {
 
 namespace {
 
 constexpr int kStartLimitMs = 20000;
-
-bool socketAnswers(const QString& path) {
-    const QByteArray encoded = QFile::encodeName(path);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    if (static_cast<size_t>(encoded.size()) >= sizeof address.sun_path) {
-        return false;
-    }
-    std::memcpy(address.sun_path, encoded.constData(), static_cast<size_t>(encoded.size()));
-    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const bool ok =
-        fd >= 0 && ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-    if (fd >= 0) {
-        ::close(fd);
-    }
-    return ok;
-}
 
 // No animations (a screenshot would catch a window half faded in), no blanking, no panel.
 constexpr const char* kConfig =
@@ -106,12 +88,12 @@ bool WestonServer::start(int width, int height) {
     }
     const QString socket = runtimeDir_ + QLatin1Char('/') + socket_;
     QDeadlineTimer limit(kStartLimitMs);
-    while (!socketAnswers(socket) && process->state() == QProcess::Running &&
+    while (!platform::appkit::unixSocketAnswers(socket) && process->state() == QProcess::Running &&
            !limit.hasExpired()) {
         process->waitForFinished(50);  // returns early only if the compositor gives up
     }
     process_ = std::move(process);
-    if (!socketAnswers(socket) || !isRunning()) {
+    if (!platform::appkit::unixSocketAnswers(socket) || !isRunning()) {
         error_ = QStringLiteral("weston did not come up: %1").arg(QString::fromLocal8Bit(log()));
         stop();
         return false;
