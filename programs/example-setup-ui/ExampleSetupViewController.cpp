@@ -165,6 +165,7 @@ void ExampleSetupViewController::hostInfoLoaded(const QVariantMap& info) {
         streamTitle_->setText(QStringLiteral("%1 live").arg(hostAppName_));
     }
     actIfDue(ActWhen::Loaded);
+    startIfTold();
 }
 
 void ExampleSetupViewController::viewDidAppear() {
@@ -175,17 +176,21 @@ void ExampleSetupViewController::viewDidAppear() {
     if (trigger.isEmpty() || widget == nullptr || answered_) {
         return;
     }
-    const QFileInfo file(trigger);
-    auto* watcher = new QFileSystemWatcher({file.absolutePath()}, widget);
+    auto* watcher = new QFileSystemWatcher({QFileInfo(trigger).absolutePath()}, widget);
     std::weak_ptr<NSViewController> weak = weak_from_this();
-    const auto startIfThere = [weak, file] {
-        auto self = std::static_pointer_cast<ExampleSetupViewController>(weak.lock());
-        if (self && QFileInfo::exists(file.absoluteFilePath()) && self->hostInfoRead_) {
-            self->start();
+    QObject::connect(watcher, &QFileSystemWatcher::directoryChanged, widget, [weak] {
+        if (auto self = std::static_pointer_cast<ExampleSetupViewController>(weak.lock())) {
+            self->startIfTold();
         }
-    };
-    QObject::connect(watcher, &QFileSystemWatcher::directoryChanged, widget, startIfThere);
-    startIfThere();
+    });
+    startIfTold();
+}
+
+void ExampleSetupViewController::startIfTold() {
+    const QString trigger = settings().startWhen;
+    if (!trigger.isEmpty() && shown_ && hostInfoRead_ && QFileInfo::exists(trigger)) {
+        start();
+    }
 }
 
 void ExampleSetupViewController::actIfDue(ActWhen moment) {

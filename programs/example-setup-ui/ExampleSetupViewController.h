@@ -47,6 +47,7 @@ public:
 private:
     void hostInfoLoaded(const QVariantMap& info);
     void actIfDue(ActWhen moment);
+    void startIfTold();
 
     QString hostAppName_;
     QString hostBundleID_;
