@@ -94,7 +94,9 @@ bool WestonServer::start(int width, int height) {
     }
     process_ = std::move(process);
     if (!platform::appkit::unixSocketAnswers(socket) || !isRunning()) {
-        error_ = QStringLiteral("weston did not come up: %1").arg(QString::fromLocal8Bit(log()));
+        QFile log(runtimeDir_ + QStringLiteral("/weston.log"));
+        log.open(QIODevice::ReadOnly);
+        error_ = QStringLiteral("weston did not come up: %1").arg(QString::fromLocal8Bit(log.readAll()));
         stop();
         return false;
     }
@@ -120,10 +122,6 @@ void WestonServer::stop() {
 
 bool WestonServer::isRunning() const {
     return process_ && process_->state() == QProcess::Running;
-}
-
-qint64 WestonServer::pid() const {
-    return process_ ? process_->processId() : 0;
 }
 
 QProcessEnvironment WestonServer::environment(QProcessEnvironment base) const {
@@ -164,11 +162,6 @@ bool WestonServer::screenshot(const QString& path, QString* error) const {
         return fail(QStringLiteral("cannot save the screenshot to %1").arg(path));
     }
     return true;
-}
-
-QByteArray WestonServer::log() const {
-    QFile file(runtimeDir_ + QStringLiteral("/weston.log"));
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
 }  // namespace lumaro::test

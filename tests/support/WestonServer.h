@@ -37,9 +37,6 @@ public:
     void stop();
 
     bool isRunning() const;
-    qint64 pid() const;
-    const QString& runtimeDir() const { return runtimeDir_; }
-    const QString& socketName() const { return socket_; }
     const QString& error() const { return error_; }
 
     // `base` with XDG_RUNTIME_DIR and WAYLAND_DISPLAY of this compositor, QT_QPA_PLATFORM and
@@ -49,9 +46,6 @@ public:
 
     // Saves the whole output to `path` with weston-screenshooter.
     bool screenshot(const QString& path, QString* error = nullptr) const;
-
-    // What the compositor wrote so far (its log).
-    QByteArray log() const;
 
 private:
     std::unique_ptr<QProcess> process_;
