@@ -97,6 +97,9 @@ DisplayChoice chooseDisplaySession() {
     } else {
         choice.platform = QStringLiteral("offscreen");
     }
+    if (choice.session == DisplaySession::X11 && !x11) {
+        choice.error = QStringLiteral("QT_QPA_PLATFORM=%1 but DISPLAY is not set").arg(asked);
+    }
     if (choice.session == DisplaySession::Wayland) {
         QString why;
         if (!wayland) {

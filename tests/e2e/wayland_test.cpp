@@ -4,7 +4,6 @@
 // in build/<dir>/screenshots/wayland-*.png. Skipped when weston is not installed.
 #include <gtest/gtest.h>
 
-#include <QDir>
 #include <QFile>
 #include <QImage>
 #include <QJsonArray>

@@ -269,14 +269,6 @@ TEST_F(MenuTest, TheRealMenuServesEveryRealDisplayAndAutomationTheRest) {
                   c.complaint)
             << error.toStdString();
     }
-    // The environment reaches both presenters' choice; here the platform is offscreen.
-    qputenv("LUMARO_MENU_CHOOSE", "#2");
-    qunsetenv("LUMARO_MENU_BACKEND");
-    auto chosen =
-        std::dynamic_pointer_cast<AutomationMenuPresenter>(NSMenuPresenter::fromEnvironment());
-    ASSERT_NE(chosen, nullptr);
-    EXPECT_EQ(chosen->choice(), QStringLiteral("#2"));
-    qunsetenv("LUMARO_MENU_CHOOSE");
 }
 
 TEST_F(MenuTest, QtBackendShowsARealMenuAtTheConvertedPoint) {
