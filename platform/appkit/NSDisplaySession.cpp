@@ -103,8 +103,8 @@ DisplayChoice chooseDisplaySession() {
     if (choice.session == DisplaySession::Wayland) {
         QString why;
         if (!wayland) {
-            choice.error = QStringLiteral("QT_QPA_PLATFORM=%1 but WAYLAND_DISPLAY is not set")
-                               .arg(asked);
+            choice.error =
+                QStringLiteral("QT_QPA_PLATFORM=%1 but WAYLAND_DISPLAY is not set").arg(asked);
         } else if (!waylandSocketAnswers(&why)) {
             choice.error = why;
         }

@@ -8,6 +8,7 @@
 #include <QPointer>
 #include <QWidget>
 #include <cstdio>
+#include <cstring>
 #include <vector>
 
 #include "platform/appkit/NSDisplaySession.h"
@@ -186,7 +187,9 @@ int NSExtensionMain(int argc, char** argv) {
     const platform::appkit::DisplayChoice display = platform::appkit::chooseDisplaySession();
     const bool displayLost = !display.error.isEmpty();
     if (displayLost) {
-        std::fprintf(stderr, "%s: %s; the request ends\n", argc > 0 ? argv[0] : "extension",
+        const char* slash = argc > 0 ? std::strrchr(argv[0], '/') : nullptr;
+        std::fprintf(stderr, "%s: %s; the request ends\n",
+                     slash != nullptr ? slash + 1 : (argc > 0 ? argv[0] : "extension"),
                      qPrintable(display.error));
         qputenv("QT_QPA_PLATFORM", "offscreen");
     } else {

@@ -5,9 +5,9 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QMouseEvent>
-#include <QWindow>
 #include <QScreen>
 #include <QThread>
+#include <QWindow>
 #include <cstdio>
 
 #include "platform/appkit/NSDisplaySession.h"
@@ -119,8 +119,8 @@ void NSMenuPresenter::setCurrent(std::shared_ptr<NSMenuPresenter> presenter) {
     c.presenter = std::move(presenter);
 }
 
-QString NSMenuPresenter::backendFor(const QString& asked, const QString& platformName,
-                                   bool widgets, QString* error) {
+QString NSMenuPresenter::backendFor(const QString& asked, const QString& platformName, bool widgets,
+                                    QString* error) {
     const QString backend = asked.trimmed();
     if (backend == QLatin1String("qt") || backend == QLatin1String("automation")) {
         return backend;
@@ -224,7 +224,8 @@ public:
 
 private:
     void clickLater() {
-        QMetaObject::invokeMethod(this, [this] { click(); }, Qt::QueuedConnection);
+        QMetaObject::invokeMethod(
+            this, [this] { click(); }, Qt::QueuedConnection);
     }
 
     void click() {

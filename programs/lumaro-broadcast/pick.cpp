@@ -128,8 +128,8 @@ int runPick(const QStringList& args, QTextStream& out, QTextStream& err) {
     }
     // On a display the picker's real menu takes the choice (clicked once it is shown); without
     // one, or when asked, the automation presenter does.
-    const bool display = platform::appkit::chooseDisplaySession().session !=
-                         platform::appkit::DisplaySession::None;
+    const bool display =
+        platform::appkit::chooseDisplaySession().session != platform::appkit::DisplaySession::None;
     if (parser.isSet("automation") || (choices == 1 && !display)) {
         qputenv("LUMARO_MENU_BACKEND", "automation");
     }

@@ -96,7 +96,8 @@ TEST_F(WaylandRoadTest, AChoiceClicksTheRealMenuAndTheFormShowsUntilItIsStarted)
     qputenv("LUMARO_EXAMPLE_SETUP_START_WHEN", go.toLocal8Bit());  // the host's children inherit
     int covered = 0;
     const HostRun host = road.pick({QStringLiteral("--choose"), kService}, [&](const HostRun& run) {
-        if (covered == 0 && run.countInLog(QStringLiteral("arrived presentBroadcastActivitySheet"))) {
+        if (covered == 0 &&
+            run.countInLog(QStringLiteral("arrived presentBroadcastActivitySheet"))) {
             // The picker's window (400 by 300) and the form's (360 by 160) are up.
             covered = shootOnceCovered(QStringLiteral("wayland-setup-form"), 400 * 300);
             QFile(go).open(QIODevice::WriteOnly);  // the user presses "Start"
@@ -142,6 +143,28 @@ TEST_F(WaylandRoadTest, TheCompositorGoingAwayEndsTheRequestWithoutAReport) {
     EXPECT_TRUE(host.outcome().isEmpty()) << host.standardOutput.toStdString();
     EXPECT_EQ(host.countInLog(QStringLiteral("lumaro-broadcast pick: no outcome: ")), 1)
         << host.standardError.toStdString();
+    EXPECT_TRUE(road.daemonRequests().isEmpty());
+}
+
+TEST_F(WaylandRoadTest, AnExtensionStartedWithoutItsCompositorEndsItsRequest) {
+    const QString gone = road.dir().write(
+        QStringLiteral("gone-setup-ui"), 0,
+        QStringLiteral("#!/bin/sh\nWAYLAND_DISPLAY=gone exec %1 \"$@\"\n")
+            .arg(buildPath(QStringLiteral("programs/example-setup-ui/example-setup-ui")))
+            .toLocal8Bit());
+    QFile::setPermissions(gone, QFile::ReadOwner | QFile::ExeOwner);
+    road.installService(Road::Service(QStringLiteral("com.test.gone.setupui"),
+                                      QStringLiteral("Gone"), 1,
+                                      QStringLiteral("ExampleSetupViewController"),
+                                      QStringLiteral("ExampleSetupViewController"), gone));
+    const HostRun host = road.pick({"--choose", "com.test.gone.setupui", "--timeout", "5"});
+    EXPECT_EQ(
+        host.countInLog(QStringLiteral("example-setup-ui: no Wayland compositor answers on ")), 1);
+    EXPECT_EQ(host.countInLog(QStringLiteral(
+                  "(WAYLAND_DISPLAY=gone): No such file or directory; the request ends")),
+              1);
+    EXPECT_EQ(host.exitCode, 1);  // no outcome: nothing was set up, nothing falsely reported
+    EXPECT_TRUE(host.outcome().isEmpty());
     EXPECT_TRUE(road.daemonRequests().isEmpty());
 }
 

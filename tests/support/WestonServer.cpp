@@ -18,16 +18,8 @@ constexpr int kStartLimitMs = 20000;
 
 // No animations (a screenshot would catch a window half faded in), no blanking, no panel.
 constexpr const char* kConfig =
-    "[core]\n"
-    "idle-time=0\n"
-    "[shell]\n"
-    "animation=none\n"
-    "close-animation=none\n"
-    "startup-animation=none\n"
-    "focus-animation=none\n"
-    "panel-position=none\n"
-    "background-color=0xff2a3f54\n"
-    "locking=false\n";
+    "[core]\nidle-time=0\n[shell]\nanimation=none\nclose-animation=none\nstartup-animation=none\n"
+    "focus-animation=none\npanel-position=none\nbackground-color=0xff2a3f54\nlocking=false\n";
 
 }  // namespace
 
@@ -50,9 +42,8 @@ bool WestonServer::start(int width, int height) {
     }
     // A short path: a socket's path must fit in 108 bytes.
     QTemporaryDir dir(QStringLiteral("/tmp/lumaro-weston-XXXXXX"));
-    if (!dir.isValid() ||
-        !QFile::setPermissions(dir.path(), QFile::ReadOwner | QFile::WriteOwner |
-                                               QFile::ExeOwner)) {
+    if (!dir.isValid() || !QFile::setPermissions(
+                              dir.path(), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner)) {
         error_ = QStringLiteral("no private runtime folder: %1").arg(dir.errorString());
         return false;
     }
@@ -75,12 +66,12 @@ bool WestonServer::start(int width, int height) {
     process->setProcessEnvironment(env);
     process->setStandardOutputFile(QProcess::nullDevice());
     process->setStandardErrorFile(runtimeDir_ + QStringLiteral("/weston.log"));
-    process->start(weston, {QStringLiteral("--backend=headless-backend.so"),
-                            QStringLiteral("--use-pixman"), QStringLiteral("--debug"),
-                            QStringLiteral("--socket=") + socket_,
-                            QStringLiteral("--config=") + config.fileName(),
-                            QStringLiteral("--width=%1").arg(width),
-                            QStringLiteral("--height=%1").arg(height)});
+    process->start(
+        weston,
+        {QStringLiteral("--backend=headless-backend.so"), QStringLiteral("--use-pixman"),
+         QStringLiteral("--debug"), QStringLiteral("--socket=") + socket_,
+         QStringLiteral("--config=") + config.fileName(), QStringLiteral("--width=%1").arg(width),
+         QStringLiteral("--height=%1").arg(height)});
     if (!process->waitForStarted(kStartLimitMs)) {
         error_ = QStringLiteral("weston did not start: %1").arg(process->errorString());
         stop();
@@ -96,7 +87,8 @@ bool WestonServer::start(int width, int height) {
     if (!platform::appkit::unixSocketAnswers(socket) || !isRunning()) {
         QFile log(runtimeDir_ + QStringLiteral("/weston.log"));
         log.open(QIODevice::ReadOnly);
-        error_ = QStringLiteral("weston did not come up: %1").arg(QString::fromLocal8Bit(log.readAll()));
+        error_ =
+            QStringLiteral("weston did not come up: %1").arg(QString::fromLocal8Bit(log.readAll()));
         stop();
         return false;
     }

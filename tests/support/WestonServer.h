@@ -1,12 +1,7 @@
 // A private Wayland compositor for tests: weston's headless backend with a socket in a private
 // runtime folder (0700), started and stopped by its process id.
 //
-//     lumaro::test::WestonServer weston;
-//     if (!WestonServer::available()) GTEST_SKIP() << "weston is not installed";
-//     ASSERT_TRUE(weston.start()) << weston.error();
-//     QProcessEnvironment env = weston.environment(base);   // WAYLAND_DISPLAY, no DISPLAY
-//     weston.screenshot(path);
-//
+// Children get a Wayland-only session from environment(); screenshot() saves the output.
 // The compositor runs without animations, screen blanking or panel, so that a screenshot shows
 // exactly the windows of the test.
 #pragma once
