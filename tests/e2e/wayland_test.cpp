@@ -70,7 +70,7 @@ TEST_F(WaylandRoadTest, ThePickerShowsItsRealMenuWithoutAnyChoice) {
         if (road.menuRecords().isEmpty()) {
             return false;
         }
-        // The menu is up: its four entries need well over 100 by 80 pixels.
+        // The menu is up: its two entries, with the title line, cover over 100 by 80 pixels.
         covered = shootOnceCovered(QStringLiteral("wayland-activity-menu"), 100 * 80);
         return true;
     });
