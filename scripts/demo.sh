@@ -8,8 +8,10 @@
 # recorded and the outcome the host received.
 #
 # Without a display the picker's menu is automated and the setup UI answers by itself. With
-# one ($DISPLAY set, X11) the real menu pops up and the real setup form is shown inside the
-# picker: choose a service and press "Start" (or "Cancel").
+# one the real menu pops up and the real setup form is shown: choose a service and press "Start"
+# (or "Cancel"). On X11 ($DISPLAY set, also under XWayland) the form is shown inside the picker;
+# on a Wayland-only session ($WAYLAND_DISPLAY set) in a window of the service's own, beside the
+# picker's window.
 #
 # Afterwards, a short second run: the recording file store's self-check in a throw-away home.
 set -euo pipefail
@@ -89,7 +91,7 @@ say "Installed broadcast services"
 "$broadcast" services 2>/dev/null
 
 interactive=
-if [[ -n ${DISPLAY:-} && ${QT_QPA_PLATFORM:-} != offscreen ]]; then
+if [[ -n ${DISPLAY:-}${WAYLAND_DISPLAY:-} && ${QT_QPA_PLATFORM:-} != offscreen ]]; then
     interactive=yes
 fi
 args=(pick --verbose --record "$work/menu.jsonl" --app-name Notes --bundle-id com.example.notes
@@ -111,6 +113,8 @@ if [[ -s $work/menu.jsonl ]]; then
         sed -E 's/^\{"enabled":([a-z]*),"identifier":"([^"]*)".*"title":"([^"]*)".*/  \3  [\2] enabled=\1/'
     say "The choice"
     head -n1 "$work/menu.jsonl" | grep -o '"choice":"[^"]*","chosen":[^,]*' | sed 's/^/  /'
+    head -n1 "$work/menu.jsonl" | grep -o '"backend":"[^"]*"' | sed 's/^/  /'
+    head -n1 "$work/menu.jsonl" | grep -o '"platform":[^,]*' | sed 's/^/  /'
 else
     echo "  (no menu record)"
 fi

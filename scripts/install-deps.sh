@@ -10,6 +10,7 @@ packages=(
   libsystemd-dev
   dbus-daemon dbus-bin python3-dbus python3-gi
   xvfb xauth
+  qt6-wayland libwayland-dev weston
 )
 
 missing=()

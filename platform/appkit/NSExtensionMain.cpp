@@ -5,13 +5,17 @@
 #include <unistd.h>
 
 #include <QApplication>
+#include <QPointer>
 #include <QWidget>
 #include <cstdio>
+#include <cstring>
 #include <vector>
 
+#include "platform/appkit/NSDisplaySession.h"
 #include "platform/appkit/NSStoryboard.h"
 #include "platform/appkit/NSViewController.h"
 #include "platform/dispatch/dispatch.h"
+#include "platform/extension/NSExtension.h"
 #include "platform/extension/NSExtensionRequest.h"
 #include "platform/log/os_log.h"
 #include "platform/xpc/NSXPCConnection.h"
@@ -50,8 +54,52 @@ struct ServedView {
     std::unique_ptr<NSXPCListener> listener;
 };
 
+// The name a window of this extension is titled with: its display name, else its bundle name,
+// else its identifier.
+QString displayNameOf(const QString& identifier) {
+    NSErrorPtr error;
+    if (NSExtensionPtr extension = NSExtension::extensionWithIdentifier(identifier, &error)) {
+        for (const QString& key : {kCFBundleDisplayNameKey, kCFBundleNameKey}) {
+            const QString name = extension->infoDictionary().value(key).toString();
+            if (!name.isEmpty()) {
+                return name;
+            }
+        }
+    }
+    return identifier;
+}
+
 struct Extension {
     platform::extension::Launch launch;
+    std::vector<QPointer<QWidget>> ownWindows;
+
+    // Where no window of another process can be embedded (Wayland), the view is a window of this
+    // process: of the remote view's size, titled with the extension's name. Making it the child
+    // of the host's window takes xdg-foreign and a handle of that window; without them the
+    // compositor places it.
+    void showOwnWindow(QWidget* widget, const NSSize& size) {
+        widget->resize(qMax(1, NSPixel(size.width)), qMax(1, NSPixel(size.height)));
+        widget->setWindowTitle(displayNameOf(launch.extensionIdentifier));
+        const char* why = platform::appkit::compositorOffersForeignWindows()
+                              ? "no handle of the host's window reaches this process"
+                              : "the compositor offers no xdg-foreign";
+        os_log(OS_LOG_DEFAULT,
+               "NSExtensionMain: %{public}s; the window \"%{public}s\" is placed by the compositor",
+               why, qPrintable(widget->windowTitle()));
+        widget->show();
+        ownWindows.emplace_back(widget);
+    }
+
+    // The request ended: its windows go with it.
+    void closeOwnWindows() {
+        for (const QPointer<QWidget>& window : ownWindows) {
+            if (window) {
+                window->close();
+            }
+        }
+        ownWindows.clear();
+    }
+
     std::shared_ptr<NSExtensionContext> context;
     std::shared_ptr<NSViewController> principal;
     std::vector<ServedView> views;
@@ -88,6 +136,8 @@ struct Extension {
             widget && QGuiApplication::platformName() == QLatin1String("xcb")) {
             widget->show();  // a top-level window that the host embeds
             answer.windowId = qint64(widget->winId());
+        } else if (widget && QGuiApplication::platformName().startsWith(QLatin1String("wayland"))) {
+            showOwnWindow(widget, view->frame().size);
         }
         ServedView served;
         served.controller = controller;
@@ -132,10 +182,18 @@ int NSExtensionMain(int argc, char** argv) {
     if (parent == 1) {
         return 1;  // the host is already gone
     }
-    // Without a display the views are drawn off screen.
-    if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM") && qEnvironmentVariableIsEmpty("DISPLAY") &&
-        qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY")) {
+    // Without a display the views are drawn off screen. A display that cannot be reached ends
+    // the request (below) instead of the process inside Qt.
+    const platform::appkit::DisplayChoice display = platform::appkit::chooseDisplaySession();
+    const bool displayLost = !display.error.isEmpty();
+    if (displayLost) {
+        const char* slash = argc > 0 ? std::strrchr(argv[0], '/') : nullptr;
+        std::fprintf(stderr, "%s: %s; the request ends\n",
+                     slash != nullptr ? slash + 1 : (argc > 0 ? argv[0] : "extension"),
+                     qPrintable(display.error));
         qputenv("QT_QPA_PLATFORM", "offscreen");
+    } else {
+        platform::appkit::applyDisplayChoice(display);
     }
     QApplication app(argc, argv);
     app.setQuitOnLastWindowClosed(false);
@@ -152,7 +210,7 @@ int NSExtensionMain(int argc, char** argv) {
                 self->serveRemoteView(className, parameters, reply);
             }
         },
-        [weak, &status](std::shared_ptr<NSExtensionContext> context, QString why) {
+        [weak, &status, displayLost](std::shared_ptr<NSExtensionContext> context, QString why) {
             auto self = weak.lock();
             if (!self) {
                 return;
@@ -160,6 +218,12 @@ int NSExtensionMain(int argc, char** argv) {
             if (!context) {
                 os_log_error(OS_LOG_DEFAULT, "NSExtensionMain: the request cannot run: %{public}s",
                              qPrintable(why));
+                status = 1;
+                return;
+            }
+            if (displayLost) {
+                context->cancelRequestWithError(NSError::errorWithDomain(
+                    NSExtensionRequestErrorDomain, NSExtensionRequestCannotStartError));
                 status = 1;
                 return;
             }
@@ -182,7 +246,12 @@ int NSExtensionMain(int argc, char** argv) {
                 }
             });
         },
-        [] { QCoreApplication::exit(0); });
+        [weak] {
+            if (auto self = weak.lock()) {
+                self->closeOwnWindows();
+            }
+            QCoreApplication::exit(0);
+        });
     const int code = app.exec();
     extension.reset();
     process.reset();

@@ -4,10 +4,13 @@
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
+#include <QMouseEvent>
 #include <QScreen>
 #include <QThread>
+#include <QWindow>
 #include <cstdio>
 
+#include "platform/appkit/NSDisplaySession.h"
 #include "platform/appkit/NSImage.h"
 #include "platform/appkit/NSMenu.h"
 #include "platform/appkit/NSView.h"
@@ -82,6 +85,8 @@ QJsonObject MenuRecord::toJson() const {
         items.append(o);
     }
     return {{QStringLiteral("backend"), backend},
+            {QStringLiteral("platform"),
+             platform.isEmpty() ? QJsonValue(QJsonValue::Null) : QJsonValue(platform)},
             {QStringLiteral("menu"), title},
             {QStringLiteral("location"), pointJson(location)},
             {QStringLiteral("inView"), inView},
@@ -114,26 +119,35 @@ void NSMenuPresenter::setCurrent(std::shared_ptr<NSMenuPresenter> presenter) {
     c.presenter = std::move(presenter);
 }
 
+QString NSMenuPresenter::backendFor(const QString& asked, const QString& platformName, bool widgets,
+                                    QString* error) {
+    const QString backend = asked.trimmed();
+    if (backend == QLatin1String("qt") || backend == QLatin1String("automation")) {
+        return backend;
+    }
+    if (!backend.isEmpty() && error != nullptr) {
+        *error = QStringLiteral(
+                     "LUMARO_MENU_BACKEND=%1 is neither \"qt\" nor \"automation\"; choosing by "
+                     "the display platform (%2)")
+                     .arg(backend, platformName.isEmpty() ? QStringLiteral("none") : platformName);
+    }
+    // A real display shows the real menu; only a run without one (offscreen, minimal, no GUI at
+    // all) has nobody to show it to.
+    return widgets && isRealDisplayPlatform(platformName) ? QStringLiteral("qt")
+                                                          : QStringLiteral("automation");
+}
+
 std::shared_ptr<NSMenuPresenter> NSMenuPresenter::fromEnvironment() {
-    const QString backend = environment("LUMARO_MENU_BACKEND").trimmed();
     const QString choice = environment("LUMARO_MENU_CHOOSE");
+    QString error;
+    const QString backend =
+        backendFor(environment("LUMARO_MENU_BACKEND"), currentPlatformName(),
+                   qobject_cast<QApplication*>(QCoreApplication::instance()) != nullptr, &error);
+    if (!error.isEmpty()) {
+        os_log_error(OS_LOG_DEFAULT, "%s", error);
+    }
     if (backend == QLatin1String("qt")) {
-        return std::make_shared<QtMenuPresenter>();
-    }
-    if (backend == QLatin1String("automation")) {
-        return std::make_shared<AutomationMenuPresenter>(choice);
-    }
-    if (!backend.isEmpty()) {
-        os_log_error(OS_LOG_DEFAULT,
-                     "LUMARO_MENU_BACKEND=%s is neither \"qt\" nor \"automation\"; choosing by "
-                     "the display",
-                     backend);
-    }
-    const bool display = !environment("DISPLAY").isEmpty() &&
-                         qobject_cast<QApplication*>(QCoreApplication::instance()) != nullptr &&
-                         QGuiApplication::platformName() == QLatin1String("xcb");
-    if (display) {
-        return std::make_shared<QtMenuPresenter>();
+        return std::make_shared<QtMenuPresenter>(choice);
     }
     return std::make_shared<AutomationMenuPresenter>(choice);
 }
@@ -178,6 +192,69 @@ void NSMenuPresenter::sendLater(const NSMenuItemPtr& item) {
 
 // Qt ----------------------------------------------------------------------------------------
 
+namespace {
+
+// Clicks `action` in `menu` as a user would, once the menu's window is exposed: before that a
+// click could land on a window the compositor has not shown yet.
+class ClickWhenExposed : public QObject {
+public:
+    ClickWhenExposed(QMenu* menu, QAction* action) : QObject(menu), menu_(menu), action_(action) {}
+
+    void watch() {
+        QWindow* window = menu_->windowHandle();
+        if (window == nullptr) {
+            os_log_error(OS_LOG_DEFAULT, "NSMenu \"%s\": the menu has no window; nothing chosen",
+                         menu_->title());
+            return;
+        }
+        if (window->isExposed()) {
+            clickLater();
+        } else {
+            window->installEventFilter(this);
+        }
+    }
+
+    bool eventFilter(QObject* watched, QEvent* event) override {
+        if (event->type() == QEvent::Expose && static_cast<QWindow*>(watched)->isExposed()) {
+            watched->removeEventFilter(this);
+            clickLater();
+        }
+        return false;
+    }
+
+private:
+    void clickLater() {
+        QMetaObject::invokeMethod(
+            this, [this] { click(); }, Qt::QueuedConnection);
+    }
+
+    void click() {
+        if (!menu_ || !action_ || !menu_->isVisible()) {
+            return;  // closed in the meantime: the user (or the program) decided otherwise
+        }
+        const QPoint at = menu_->actionGeometry(action_).center();
+        const QPoint global = menu_->mapToGlobal(at);
+        menu_->setActiveAction(action_);
+        QMouseEvent press(QEvent::MouseButtonPress, at, global, Qt::LeftButton, Qt::LeftButton,
+                          Qt::NoModifier);
+        QCoreApplication::sendEvent(menu_, &press);
+        if (menu_ && action_) {
+            QMouseEvent release(QEvent::MouseButtonRelease, at, global, Qt::LeftButton,
+                                Qt::NoButton, Qt::NoModifier);
+            QCoreApplication::sendEvent(menu_, &release);
+        }
+    }
+
+    QPointer<QMenu> menu_;
+    QPointer<QAction> action_;
+};
+
+}  // namespace
+
+void QtMenuPresenter::clickWhenExposed(QMenu* menu, QAction* action) {
+    (new ClickWhenExposed(menu, action))->watch();
+}
+
 QPoint QtMenuPresenter::screenPointToQt(const NSPoint& point) {
     const QScreen* screen = QGuiApplication::primaryScreen();
     if (screen == nullptr) {
@@ -191,7 +268,9 @@ bool QtMenuPresenter::present(const NSMenu& menu, const NSMenuItemPtr& positioni
                               const NSPoint& location, const std::shared_ptr<NSView>& view) {
     MenuRecord record = MenuRecord::of(menu, positioningItem, location, view != nullptr);
     record.backend = name();
-    record.choice = QStringLiteral("user");
+    record.platform = currentPlatformName();
+    const bool scripted = !choice_.trimmed().isEmpty();
+    record.choice = scripted ? choice_ : QStringLiteral("user");
     auto* app = qobject_cast<QApplication*>(QCoreApplication::instance());
     if (app == nullptr) {
         os_log_error(OS_LOG_DEFAULT,
@@ -242,8 +321,14 @@ bool QtMenuPresenter::present(const NSMenu& menu, const NSMenuItemPtr& positioni
                      menu.title());
         at = screenPointToQt(location);
     }
+    if (scripted) {
+        record.chosen = AutomationMenuPresenter::resolveChoice(menu, choice_);
+    }
     qmenu->popup(at, atAction);
     shown_ = qmenu;
+    if (record.chosen >= 0) {
+        clickWhenExposed(qmenu, qmenu->actions().at(static_cast<qsizetype>(record.chosen)));
+    }
     publish(record, false);
     return false;
 }
@@ -313,6 +398,7 @@ bool AutomationMenuPresenter::present(const NSMenu& menu, const NSMenuItemPtr& p
                                       const std::shared_ptr<NSView>& view) {
     MenuRecord record = MenuRecord::of(menu, positioningItem, location, view != nullptr);
     record.backend = name();
+    record.platform = currentPlatformName();
     record.choice = choice();
     if (record.choice.trimmed().isEmpty()) {
         record.choice = QStringLiteral("none");

@@ -31,7 +31,8 @@ struct MenuRecordEntry {
 };
 
 struct MenuRecord {
-    QString backend;  // "qt" or "automation"
+    QString backend;   // "qt" or "automation"
+    QString platform;  // the Qt platform it ran on ("xcb", "wayland", "offscreen"); empty: none
     QString title;
     NSPoint location;
     bool inView = false;  // true when `location` was in a view rather than on the screen
@@ -64,6 +65,11 @@ public:
     // Replaces the process's presenter; none goes back to the environment's choice.
     static void setCurrent(std::shared_ptr<NSMenuPresenter> presenter);
     static std::shared_ptr<NSMenuPresenter> fromEnvironment();
+    // The backend ("qt" or "automation") for LUMARO_MENU_BACKEND's value `asked` in a process on
+    // the Qt platform `platformName` (empty: no QGuiApplication) that has widgets or not. An
+    // unknown `asked` is reported in `error` and the platform decides.
+    static QString backendFor(const QString& asked, const QString& platformName, bool widgets,
+                              QString* error = nullptr);
 
     // Called on the presenting thread with every record, by every presenter; for tests and
     // in-process drivers. None removes the hook.
@@ -80,8 +86,13 @@ protected:
 // A QMenu at the point, shown without blocking: the call returns once the menu is on screen,
 // and the user's choice arrives later. Needs a QApplication and its thread (otherwise: an error
 // line, nothing shown).
+//
+// With a scripted choice (the same forms as the automation presenter's) the menu is still
+// shown, and once its window is exposed the chosen entry is clicked as a user would: a press
+// and a release of the left button on it.
 class QtMenuPresenter : public NSMenuPresenter {
 public:
+    explicit QtMenuPresenter(QString choice = QString()) : choice_(std::move(choice)) {}
     QString name() const override { return QStringLiteral("qt"); }
     bool present(const NSMenu& menu, const NSMenuItemPtr& positioningItem, const NSPoint& location,
                  const std::shared_ptr<NSView>& view) override;
@@ -94,6 +105,9 @@ public:
     static QPoint screenPointToQt(const NSPoint& point);
 
 private:
+    static void clickWhenExposed(QMenu* menu, QAction* action);
+
+    QString choice_;
     QPointer<QMenu> shown_;
 };
 

@@ -6,7 +6,8 @@
 // a remote view controller bound to it. Under X11 the service's view is a top-level window of
 // its own process that the remote view embeds (a window container that fills the remote view's
 // bounds and follows them). Without X11 the remote view is a placeholder of the service view's
-// size, and the service runs on its own (an automated setup, for instance).
+// size: on Wayland the service shows its view in a window of its own process (see
+// NSExtensionMain), without a display it runs on its own (an automated setup, for instance).
 //
 // Each remote view has a link of its own to the service's process: the remote view controller
 // exports `exportedInterface()` with itself as the object (messages arrive in performSelector, on

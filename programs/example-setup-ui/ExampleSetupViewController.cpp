@@ -1,5 +1,7 @@
 #include "ExampleSetupViewController.h"
 
+#include <QFileInfo>
+#include <QFileSystemWatcher>
 #include <QFormLayout>
 #include <QHBoxLayout>
 #include <QLabel>
@@ -33,6 +35,7 @@ struct Settings {
     ExampleSetupViewController::Mode mode = ExampleSetupViewController::Mode::Interactive;
     ExampleSetupViewController::ActWhen when = ExampleSetupViewController::ActWhen::Shown;
     QString serviceIdentifier = QStringLiteral("com.example.setupui");
+    QString startWhen;
 };
 Settings& settings() {
     static Settings s;
@@ -56,6 +59,10 @@ void ExampleSetupViewController::configure(Mode mode, ActWhen when, QString serv
     if (!serviceIdentifier.isEmpty()) {
         settings().serviceIdentifier = std::move(serviceIdentifier);
     }
+}
+
+void ExampleSetupViewController::startWhenFileExists(QString path) {
+    settings().startWhen = std::move(path);
 }
 
 bool ExampleSetupViewController::modeFromString(const QString& text, Mode* mode) {
@@ -158,11 +165,32 @@ void ExampleSetupViewController::hostInfoLoaded(const QVariantMap& info) {
         streamTitle_->setText(QStringLiteral("%1 live").arg(hostAppName_));
     }
     actIfDue(ActWhen::Loaded);
+    startIfTold();
 }
 
 void ExampleSetupViewController::viewDidAppear() {
     shown_ = true;
     actIfDue(ActWhen::Shown);
+    const QString trigger = settings().startWhen;
+    QWidget* widget = view()->widget();
+    if (trigger.isEmpty() || widget == nullptr || answered_) {
+        return;
+    }
+    auto* watcher = new QFileSystemWatcher({QFileInfo(trigger).absolutePath()}, widget);
+    std::weak_ptr<NSViewController> weak = weak_from_this();
+    QObject::connect(watcher, &QFileSystemWatcher::directoryChanged, widget, [weak] {
+        if (auto self = std::static_pointer_cast<ExampleSetupViewController>(weak.lock())) {
+            self->startIfTold();
+        }
+    });
+    startIfTold();
+}
+
+void ExampleSetupViewController::startIfTold() {
+    const QString trigger = settings().startWhen;
+    if (!trigger.isEmpty() && shown_ && hostInfoRead_ && QFileInfo::exists(trigger)) {
+        start();
+    }
 }
 
 void ExampleSetupViewController::actIfDue(ActWhen moment) {

@@ -26,6 +26,9 @@ public:
     enum class ActWhen { Shown, Loaded };
 
     static void configure(Mode mode, ActWhen when, QString serviceIdentifier);
+    // An interactive form presses "Start" by itself once `path` exists (a test's or a demo's
+    // stand-in for the user, who takes a look at the form first). Empty: never.
+    static void startWhenFileExists(QString path);
     static bool modeFromString(const QString& text, Mode* mode);
     // Registers the class under its own name and the example manifests' class names.
     static void registerClass();
@@ -44,6 +47,7 @@ public:
 private:
     void hostInfoLoaded(const QVariantMap& info);
     void actIfDue(ActWhen moment);
+    void startIfTold();
 
     QString hostAppName_;
     QString hostBundleID_;

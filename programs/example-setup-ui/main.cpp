@@ -11,7 +11,7 @@ namespace {
 
 void usage() {
     std::printf(
-        "Usage: example-setup-ui [--mode=MODE] [--act=shown|loaded]\n"
+        "Usage: example-setup-ui [--mode=MODE] [--act=shown|loaded] [--start-when=FILE]\n"
         "An example streaming service's setup UI (extension point\n"
         "\"com.vantor.broadcast-services-setupui\"): reads the host's application information,\n"
         "shows a setup form and completes with the broadcast setup, or with nothing when\n"
@@ -22,7 +22,9 @@ void usage() {
         "                without one), cancel, fail-item (one item cannot be loaded as data),\n"
         "                crash (abort in the middle of the request)\n"
         "  --act=WHEN    answer once the view is shown to the host (shown, the default) or\n"
-        "                once the host's information is read (loaded)\n",
+        "                once the host's information is read (loaded)\n"
+        "  --start-when=FILE  (LUMARO_EXAMPLE_SETUP_START_WHEN) the interactive form presses\n"
+        "                \"Start\" by itself once FILE exists\n",
         NSExtensionMainUsage());
 }
 
@@ -31,6 +33,7 @@ void usage() {
 int main(int argc, char** argv) {
     QString modeText = qEnvironmentVariable("LUMARO_EXAMPLE_SETUP_MODE");
     QString actText = qEnvironmentVariable("LUMARO_EXAMPLE_SETUP_ACT");
+    QString startWhen = qEnvironmentVariable("LUMARO_EXAMPLE_SETUP_START_WHEN");
     for (int i = 1; i < argc; ++i) {
         const QString arg = QString::fromLocal8Bit(argv[i]);
         if (arg == QLatin1String("--help") || arg == QLatin1String("-h")) {
@@ -40,6 +43,8 @@ int main(int argc, char** argv) {
             modeText = arg.mid(7);
         } else if (arg.startsWith(QLatin1String("--act="))) {
             actText = arg.mid(6);
+        } else if (arg.startsWith(QLatin1String("--start-when="))) {
+            startWhen = arg.mid(13);
         } else {
             std::fprintf(stderr, "example-setup-ui: unknown option %s (see --help)\n", argv[i]);
             return 64;
@@ -65,6 +70,7 @@ int main(int argc, char** argv) {
                           : ExampleSetupViewController::ActWhen::Shown;
     ExampleSetupViewController::configure(mode, when,
                                           qEnvironmentVariable("LUMARO_EXTENSION_IDENTIFIER"));
+    ExampleSetupViewController::startWhenFileExists(startWhen);
     ExampleSetupViewController::registerClass();
     return NSExtensionMain(argc, argv);
 }

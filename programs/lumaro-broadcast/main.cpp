@@ -6,6 +6,7 @@
 #include <cstring>
 #include <memory>
 
+#include "platform/appkit/NSDisplaySession.h"
 #include "programs/lumaro-broadcast/Command.h"
 
 namespace {
@@ -24,20 +25,37 @@ void printHelp(QTextStream& out) {
            "in lumaro/extensions under $XDG_DATA_HOME and each of $XDG_DATA_DIRS.\n";
 }
 
-// A subcommand that shows windows gets a widgets application when there is an X11 display to
-// show them on; everything else runs without a GUI.
-bool wantsWidgets(int argc, char** argv) {
+// A subcommand that shows windows runs in the display session the environment names (its
+// children too); it gets a widgets application on X11, where the picker's view is embedded in a
+// window of its own. On Wayland nothing is embedded: the picker shows its own window.
+const Command* displayedCommand(int argc, char** argv) {
     const Command* command = argc > 1 ? Command::named(argv[1]) : nullptr;
-    return command != nullptr && command->windows == Command::Windows::WhenDisplayed &&
-           qEnvironmentVariableIsSet("DISPLAY") &&
-           qgetenv("QT_QPA_PLATFORM") != QByteArrayLiteral("offscreen");
+    if (command == nullptr || command->windows != Command::Windows::WhenDisplayed) {
+        return nullptr;
+    }
+    for (int i = 2; i < argc; ++i) {
+        if (std::strcmp(argv[i], "--help") == 0 || std::strcmp(argv[i], "-h") == 0) {
+            return nullptr;
+        }
+    }
+    return command;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
     std::unique_ptr<QCoreApplication> app;
-    if (wantsWidgets(argc, argv)) {
+    platform::appkit::DisplayChoice display;
+    if (const Command* command = displayedCommand(argc, argv)) {
+        display = platform::appkit::chooseDisplaySession();
+        if (!display.error.isEmpty()) {
+            std::fprintf(stderr, "lumaro-broadcast %s: %s\n", command->name,
+                         qPrintable(display.error));
+            return kExitFailure;
+        }
+        platform::appkit::applyDisplayChoice(display);
+    }
+    if (display.session == platform::appkit::DisplaySession::X11) {
         app = std::make_unique<QApplication>(argc, argv);
     } else {
         app = std::make_unique<QCoreApplication>(argc, argv);

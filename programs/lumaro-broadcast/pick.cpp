@@ -5,6 +5,7 @@
 #include <QTextStream>
 
 #include "host/LMBroadcastHostRequest.h"
+#include "platform/appkit/NSDisplaySession.h"
 #include "platform/dispatch/dispatch.h"
 #include "platform/extension/NSExtensionRequest.h"
 #include "programs/lumaro-broadcast/Command.h"
@@ -54,6 +55,7 @@ int runPick(const QStringList& args, QTextStream& out, QTextStream& err) {
     parser.addOption({QStringLiteral("dismiss"), QString()});
     parser.addOption({QStringLiteral("verbose"), QString()});
     parser.addOption({QStringLiteral("no-window"), QString()});
+    parser.addOption({QStringLiteral("automation"), QString()});
     if (!parser.parse(QStringList{QStringLiteral("pick")} + args)) {
         err << "lumaro-broadcast pick: " << parser.errorText() << " (see --help)\n";
         return kExitUsage;
@@ -122,14 +124,18 @@ int runPick(const QStringList& args, QTextStream& out, QTextStream& err) {
             }
             choice = QStringLiteral("#%1").arg(index);
         }
-        qputenv("LUMARO_MENU_BACKEND", "automation");
         qputenv("LUMARO_MENU_CHOOSE", choice.toUtf8());
+    }
+    // On a display the picker's real menu takes the choice (clicked once it is shown); without
+    // one, or when asked, the automation presenter does.
+    const bool display =
+        platform::appkit::chooseDisplaySession().session != platform::appkit::DisplaySession::None;
+    if (parser.isSet("automation") || (choices == 1 && !display)) {
+        qputenv("LUMARO_MENU_BACKEND", "automation");
     }
     if (parser.isSet("record")) {
         qputenv("LUMARO_MENU_RECORD", QFile::encodeName(parser.value("record")));
     }
-    const bool display = !qEnvironmentVariableIsEmpty("DISPLAY") &&
-                         qEnvironmentVariable("QT_QPA_PLATFORM") != QLatin1String("offscreen");
     options.showSheet = display && !parser.isSet("no-window");
     const bool verbose = parser.isSet("verbose");
 
@@ -204,18 +210,24 @@ const Command kPick{
     "  --preferred ID         a preferred setup-UI extension: no menu, it is performed at once\n"
     "  --not-installed-title TEXT, --not-installed-message TEXT\n"
     "                         the not-installed alert's texts\n"
-    "The picker's menu (its automation backend, for runs without a user):\n"
+    "The picker's menu, chosen by script:\n"
     "  --choose ID            choose the service with this extension identifier (or title)\n"
     "  --choose-index N       choose the entry at index N (0 is the title line)\n"
     "  --dismiss              choose nothing\n"
+    "  --automation           use the headless menu (a record and the choice) even on a display\n"
     "  --record FILE          append each shown menu as one JSON line to FILE\n"
     "Waiting and output:\n"
     "  --timeout SECONDS      how long to wait for the outcome (default 30)\n"
     "  --verbose              print every message from the picker on standard error\n"
     "  --no-window            with a display, do not show the picker's view when it asks for\n"
     "                         the sheet\n\n"
-    "The menu options set LUMARO_MENU_BACKEND=automation and LUMARO_MENU_CHOOSE for the picker;\n"
-    "without them, the picker shows a real menu on a display and chooses nothing without one.\n"
+    "On a display (X11, or Wayland alone) the picker shows its real menu; the choice options set\n"
+    "LUMARO_MENU_CHOOSE, and the entry is clicked once the menu is on screen. Without a display,\n"
+    "or with --automation, they also set LUMARO_MENU_BACKEND=automation: nothing is shown and\n"
+    "the entry is chosen at once. Without any of them nothing is chosen by script.\n"
+    "On X11 the picker's view is shown in a window of this command; on Wayland, where a window\n"
+    "of another process cannot be embedded, the picker shows its own window, and the setup UI\n"
+    "shows its form in a window of its own.\n"
     "The daemon is reached on the session bus (DBUS_SESSION_BUS_ADDRESS).\n",
     runPick, Command::Windows::WhenDisplayed};
 

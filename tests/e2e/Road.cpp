@@ -102,6 +102,12 @@ QProcessEnvironment Road::environment() const {
     env.remove(QStringLiteral("WAYLAND_DISPLAY"));
     env.remove(QStringLiteral("LUMARO_MENU_BACKEND"));
     env.remove(QStringLiteral("LUMARO_MENU_CHOOSE"));
+    if (!session_.isEmpty()) {
+        env.remove(QStringLiteral("QT_QPA_PLATFORM"));
+        for (const QString& key : session_.keys()) {
+            env.insert(key, session_.value(key));
+        }
+    }
     return env;
 }
 

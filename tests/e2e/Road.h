@@ -86,8 +86,11 @@ public:
     QString daemonRecordPath() const { return dir_.file(QStringLiteral("daemon.jsonl")); }
     // The requests of one selector that the daemon recorded.
     QList<QJsonObject> daemonRequests(const QString& selector = kSetupSelector) const;
-    // The environment the host runs in (bus, data folder, no display).
+    // The environment the host runs in (bus, data folder, no display unless a session is set).
     QProcessEnvironment environment() const;
+    // Runs the next hosts in a display session: `session`'s variables (a compositor's
+    // WAYLAND_DISPLAY and XDG_RUNTIME_DIR, say) are added and the Qt platform is left to them.
+    void setSession(const QProcessEnvironment& session) { session_ = session; }
     const TempDir& dir() const { return dir_; }
 
 private:
@@ -95,6 +98,7 @@ private:
     PrivateBus bus_;
     std::unique_ptr<ChildProcess> daemon_;
     QString setupMode_ = QStringLiteral("complete");
+    QProcessEnvironment session_;
 };
 
 // The example setup UI's broadcast extension identifier for a service.

@@ -130,15 +130,11 @@ TEST_F(MenuTest, AutomationRecordsTheMenuAsShown) {
     activity.menu->popUpMenuPositioningItem(nullptr, NSMakePoint(1, 2), nullptr);
     const auto lines = recordLines();
     ASSERT_EQ(lines.size(), 2u);
-    const QJsonObject& first = lines.front();
-    EXPECT_EQ(first.value("menu").toString(), QStringLiteral("Screen Broadcast"));
-    EXPECT_EQ(first.value("location").toObject().value("x").toDouble(),
-              static_cast<double>(120.7f));
-    EXPECT_EQ(first.value("items").toArray().size(), 4);
-    EXPECT_FALSE(first.value("items").toArray()[0].toObject().value("enabled").toBool());
-    EXPECT_TRUE(first.value("items").toArray()[1].toObject().value("image").toBool());
-    EXPECT_TRUE(first.value("chosen").isNull());
-    EXPECT_EQ(first.value("choice").toString(), QStringLiteral("none"));
+    QFile file(recordFile());
+    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
+    EXPECT_EQ(file.readLine(), hooked.front().toJsonLine());
+    EXPECT_TRUE(lines.front().value("chosen").isNull());
+    EXPECT_EQ(lines.front().value("platform").toString(), QGuiApplication::platformName());
     EXPECT_TRUE(activity.performed.empty());
 }
 
@@ -240,33 +236,39 @@ TEST_F(MenuTest, AutomaticEnablingAndItemOwnership) {
     EXPECT_EQ(menu->itemWithTitle(QStringLiteral("c")), targeted);
 }
 
-TEST_F(MenuTest, EnvironmentSelectsTheBackend) {
-    auto nameFor = [](const char* backend) {
-        if (backend != nullptr) {
-            qputenv("LUMARO_MENU_BACKEND", backend);
-        } else {
-            qunsetenv("LUMARO_MENU_BACKEND");
-        }
-        return NSMenuPresenter::fromEnvironment()->name().toStdString();
+TEST_F(MenuTest, TheRealMenuServesEveryRealDisplayAndAutomationTheRest) {
+    struct Case {
+        const char* asked;
+        const char* platform;
+        bool widgets;
+        const char* backend;
+        bool complaint;
     };
-    qputenv("LUMARO_MENU_CHOOSE", "#2");
-    EXPECT_EQ(nameFor("qt"), "qt");
-    EXPECT_EQ(nameFor("automation"), "automation");
-    auto chosen =
-        std::dynamic_pointer_cast<AutomationMenuPresenter>(NSMenuPresenter::fromEnvironment());
-    ASSERT_NE(chosen, nullptr);
-    EXPECT_EQ(chosen->choice(), QStringLiteral("#2"));
-    {
-        platform::log::LogCapture capture;
-        // Not the X11 platform here, so even a display does not choose the Qt backend.
-        qputenv("DISPLAY", ":99");
-        EXPECT_EQ(nameFor("bogus"), "automation");
-        EXPECT_EQ(capture.records().size(), 1u);
+    for (const Case& c : std::initializer_list<Case>{
+             {"", "xcb", true, "qt", false},
+             {"", "wayland", true, "qt", false},
+             {"", "wayland-egl", true, "qt", false},
+             {"", "offscreen", true, "automation", false},
+             {"", "minimal", true, "automation", false},
+             {"", "xcb", false, "automation", false},  // a GUI without widgets has no QMenu
+             {"", "", false, "automation", false},
+             {"automation", "wayland", true, "automation", false},
+             {" qt ", "offscreen", true, "qt", false},
+             {"gtk", "wayland", true, "qt", true},
+             {"gtk", "offscreen", true, "automation", true},
+         }) {
+        QString error;
+        EXPECT_EQ(NSMenuPresenter::backendFor(QString::fromLatin1(c.asked),
+                                              QString::fromLatin1(c.platform), c.widgets, &error),
+                  QLatin1String(c.backend))
+            << c.asked << " on " << c.platform;
+        EXPECT_EQ(error.startsWith(QStringLiteral("LUMARO_MENU_BACKEND=%1 is neither \"qt\" nor "
+                                                  "\"automation\"; choosing by the display "
+                                                  "platform (")
+                                       .arg(QString::fromLatin1(c.asked))),
+                  c.complaint)
+            << error.toStdString();
     }
-    EXPECT_EQ(nameFor(nullptr),
-              QGuiApplication::platformName() == QLatin1String("xcb") ? "qt" : "automation");
-    qunsetenv("LUMARO_MENU_CHOOSE");
-    qunsetenv("DISPLAY");
 }
 
 TEST_F(MenuTest, QtBackendShowsARealMenuAtTheConvertedPoint) {
@@ -291,13 +293,30 @@ TEST_F(MenuTest, QtBackendShowsARealMenuAtTheConvertedPoint) {
     EXPECT_TRUE(actions[2]->isEnabled());
     EXPECT_FALSE(actions[2]->icon().isNull());
     EXPECT_EQ(hooked.back().backend, QStringLiteral("qt"));
-
-    // Choosing an entry closes the menu and sends the item's action on the main queue.
-    actions[2]->trigger();
+    EXPECT_EQ(hooked.back().platform, QGuiApplication::platformName());
+    EXPECT_EQ(hooked.back().choice, QStringLiteral("user"));
     shown->hide();
+    ASSERT_TRUE(runUntil([&] { return qt->shownMenu() == nullptr; }));  // deleted once closed
+    EXPECT_TRUE(activity.performed.empty());
+
+    // A scripted choice clicks the real menu once it is exposed: the menu closes and the item's
+    // action is sent once, on the main queue; a disabled entry is refused and nothing clicked.
+    auto scripted = std::make_shared<QtMenuPresenter>(QStringLiteral("com.example.service2.setup"));
+    NSMenuPresenter::setCurrent(scripted);
+    activity.menu->popUpMenuPositioningItem(nullptr, NSMakePoint(100, 300), nullptr);
+    EXPECT_EQ(hooked.back().chosen, 2);
     ASSERT_TRUE(runUntil([&] { return activity.performed.size() == 1; }));
     EXPECT_EQ(activity.performed.front(), "com.example.service2.setup");
-    ASSERT_TRUE(runUntil([&] { return qt->shownMenu() == nullptr; }));  // deleted once closed
+    ASSERT_TRUE(runUntil([&] { return scripted->shownMenu() == nullptr; }));
+    auto refused = std::make_shared<QtMenuPresenter>(QStringLiteral("#0"));
+    NSMenuPresenter::setCurrent(refused);
+    activity.menu->popUpMenuPositioningItem(nullptr, NSMakePoint(100, 300), nullptr);
+    EXPECT_EQ(hooked.back().chosen, -1);
+    ASSERT_NE(refused->shownMenu(), nullptr);
+    refused->shownMenu()->hide();
+    ASSERT_TRUE(runUntil([&] { return refused->shownMenu() == nullptr; }));
+    EXPECT_EQ(activity.performed.size(), 1u);
+    NSMenuPresenter::setCurrent(qt);
 
     // In a view: the point is in the view's widget.
     auto view = NSView::initWithFrame(NSMakeRect(0, 0, 200, 100));

@@ -13,14 +13,6 @@
 
 namespace {
 
-// The extension context is the extension runtime's class, only forward-declared here: the
-// controller keeps and answers the pointer without looking inside, so distinct opaque pointers
-// that own a placeholder stand in for contexts.
-std::shared_ptr<NSExtensionContext> opaqueContext() {
-    auto owner = std::make_shared<int>(0);
-    return {owner, reinterpret_cast<NSExtensionContext*>(owner.get())};
-}
-
 class RecordingController : public NSServiceViewController {
 public:
     std::vector<std::string> calls;
@@ -65,7 +57,7 @@ TEST(NSViewControllerTest, ViewLoadsOnceLoadViewThenViewDidLoad) {
     EXPECT_EQ(capture.records().size(), 1u);
 }
 
-TEST(NSViewControllerTest, ChildrenContextsAndServiceParameters) {
+TEST(NSViewControllerTest, ChildrenAndServiceParameters) {
     auto parent = std::make_shared<NSViewController>();
     auto child = std::make_shared<NSViewController>();
     auto grandchild = std::make_shared<NSViewController>();
@@ -89,26 +81,10 @@ TEST(NSViewControllerTest, ChildrenContextsAndServiceParameters) {
     EXPECT_TRUE(child->childViewControllers().empty());
     EXPECT_EQ(grandchild->parentViewController(), other);
 
-    // The context begun with is kept, and replaced by the next.
-    auto first = opaqueContext();
-    auto second = opaqueContext();
-    EXPECT_EQ(child->extensionContext(), nullptr);
-    child->beginRequestWithExtensionContext(first);
-    EXPECT_EQ(child->extensionContext(), first);
-    child->beginRequestWithExtensionContext(second);
-    EXPECT_EQ(child->extensionContext(), second);
-
-    child->setPreferredContentSize(NSMakeSize(400, 300));
-    EXPECT_EQ(child->preferredContentSize(), NSMakeSize(400, 300));
-
     // Parameters keep whatever the host sent, dictionary or not.
     NSServiceViewController service;
-    EXPECT_FALSE(service.hostAppClientParameters().isValid());
     service.setHostAppClientParameters(QStringLiteral("not a dictionary"));
     EXPECT_EQ(service.hostAppClientParameters().typeId(), QMetaType::QString);
-    service.setHostAppClientParameters(QVariantMap{{QStringLiteral("isPrismApp"), "NO"}});
-    EXPECT_EQ(service.hostAppClientParameters().toMap().value(QStringLiteral("isPrismApp")),
-              QStringLiteral("NO"));
     EXPECT_EQ(service.exportedInterface(), nullptr);
 }
 
