@@ -1,13 +1,8 @@
 #include "host/LMBroadcastHostRequest.h"
 
-#include <unistd.h>
-
 #include <QApplication>
-#include <QDir>
-#include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
-#include <QTimer>
 #include <QWidget>
 
 #include "discovery/LMExtensions.h"
@@ -49,33 +44,6 @@ QString describe(const QVariant& value) {
     return value.toString();
 }
 
-// The processes whose parent is `parent` (from /proc).
-std::vector<pid_t> childrenOf(pid_t parent) {
-    std::vector<pid_t> children;
-    const QStringList entries = QDir(QStringLiteral("/proc")).entryList(QDir::Dirs);
-    for (const QString& entry : entries) {
-        bool numeric = false;
-        const pid_t pid = static_cast<pid_t>(entry.toInt(&numeric));
-        if (!numeric) {
-            continue;
-        }
-        QFile stat(QStringLiteral("/proc/%1/stat").arg(entry));
-        if (!stat.open(QIODevice::ReadOnly)) {
-            continue;  // gone meanwhile
-        }
-        // "pid (name) state ppid ...": the name may hold anything, so read after the last ')'.
-        const QByteArray line = stat.readAll();
-        const qsizetype close = line.lastIndexOf(')');
-        if (close < 0) {
-            continue;
-        }
-        const QList<QByteArray> fields = line.mid(close + 2).split(' ');
-        if (fields.size() > 2 && fields[1].toInt() == parent && fields[0] != "Z") {
-            children.push_back(pid);
-        }
-    }
-    return children;
-}
 
 // The host's object on the auxiliary connection: every message goes to the request on the main
 // queue, in order of arrival.
@@ -108,11 +76,7 @@ QString LMBroadcastHostOutcome::toJson() const {
 LMBroadcastHostRequest::LMBroadcastHostRequest(LMBroadcastHostRequestOptions options)
     : options_(std::move(options)) {}
 
-LMBroadcastHostRequest::~LMBroadcastHostRequest() {
-    if (watch_) {
-        watch_->stop();
-    }
-}
+LMBroadcastHostRequest::~LMBroadcastHostRequest() = default;
 
 std::vector<NSExtensionItemPtr> LMBroadcastHostRequest::inputItems(
     const LMBroadcastHostRequestOptions& options) {
@@ -216,15 +180,11 @@ bool LMBroadcastHostRequest::start(QString* error) {
                 return;
             }
             self->requestIdentifier_ = identifier;
-            self->watchProcesses();
         });
     return true;
 }
 
 void LMBroadcastHostRequest::stop() {
-    if (watch_) {
-        watch_->stop();
-    }
     if (picker_ && !requestIdentifier_.isNull()) {
         picker_->cancelExtensionRequestWithIdentifier(requestIdentifier_);
     }
@@ -240,7 +200,6 @@ void LMBroadcastHostRequest::received(const QString& selector, const QVariantLis
     }
     if (selector == kSheetSelector) {
         sheetRequested_ = true;
-        setupSeen_ = true;
         if (options_.showSheet) {
             showSheet();
         }
@@ -286,25 +245,6 @@ void LMBroadcastHostRequest::showSheet() {
         });
 }
 
-void LMBroadcastHostRequest::watchProcesses() {
-    watch_ = std::make_shared<QTimer>();
-    watch_->setInterval(200);
-    const std::weak_ptr<LMBroadcastHostRequest> weak = weak_from_this();
-    QObject::connect(watch_.get(), &QTimer::timeout, [weak] {
-        auto self = weak.lock();
-        if (!self) {
-            return;
-        }
-        bool alive = false;
-        for (const pid_t picker : childrenOf(getpid())) {
-            alive = alive || !childrenOf(picker).empty();
-        }
-        self->setupAlive_ = alive;
-        self->setupSeen_ = self->setupSeen_ || alive;
-    });
-    watch_->start();
-}
-
 QString LMBroadcastHostRequest::diagnosis() const {
     if (pickerGone_) {
         return pickerGoneWhy_;
@@ -312,15 +252,8 @@ QString LMBroadcastHostRequest::diagnosis() const {
     if (requestIdentifier_.isNull()) {
         return QStringLiteral("the picker did not start");
     }
-    bool setupAlive = false;
-    for (const pid_t picker : childrenOf(getpid())) {
-        setupAlive = setupAlive || !childrenOf(picker).empty();
-    }
-    if (setupAlive) {
-        return QStringLiteral("the setup UI is still open: nothing was set up");
-    }
-    if (setupSeen_ || setupAlive_) {
-        return QStringLiteral("the setup UI exited without an outcome reaching the host");
+    if (sheetRequested_) {
+        return QStringLiteral("the setup UI was shown, but no outcome reached the host");
     }
     return QStringLiteral("nothing was chosen in the picker");
 }

@@ -83,8 +83,9 @@ public:
     // Ends the picker's request (the picker and its setup UI are stopped).
     void stop();
 
-    // What happened so far, in one clause, for a request that produced no outcome in time:
-    // the picker exited, the setup UI exited, the setup UI is still open, or nothing was chosen.
+    // What the host saw, in one clause, for a request that produced no outcome in time: the
+    // picker exited or did not start, the setup UI was shown (the picker asked for the sheet),
+    // or nothing was chosen.
     QString diagnosis() const;
 
     QUuid requestIdentifier() const { return requestIdentifier_; }
@@ -96,7 +97,6 @@ public:
     void received(const QString& selector, const QVariantList& arguments);
 
 private:
-    void watchProcesses();
     void showSheet();
 
     LMBroadcastHostRequestOptions options_;
@@ -107,8 +107,5 @@ private:
     bool pickerGone_ = false;
     QString pickerGoneWhy_;
     bool sheetRequested_ = false;
-    bool setupSeen_ = false;
-    bool setupAlive_ = false;
     std::shared_ptr<NSRemoteViewController> sheet_;
-    std::shared_ptr<class QTimer> watch_;
 };

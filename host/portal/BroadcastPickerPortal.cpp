@@ -4,6 +4,8 @@
 #include <QCoreApplication>
 #include <QDBusArgument>
 #include <QDBusObjectPath>
+#include <QDBusPendingCallWatcher>
+#include <QDBusPendingReply>
 #include <QDBusServiceWatcher>
 #include <QDBusVirtualObject>
 #include <QImageReader>
@@ -225,7 +227,7 @@ void BroadcastPickerPortal::setupBroadcast(const QDBusMessage& message) {
     request = std::make_unique<Request>();
     request->owner = caller;
     request->setup = std::move(setup);
-    callers_->addWatchedService(caller);
+    watchCaller(caller);
     idle_->stop();
     std::string error;
     const bool started = request->setup->start(
@@ -290,6 +292,26 @@ void BroadcastPickerPortal::finish(const QString& path, uint response, const QVa
         QCoreApplication::instance(), [ended = std::shared_ptr<Request>(std::move(ended))] {},
         Qt::QueuedConnection);
     armIdleTimer();
+}
+
+void BroadcastPickerPortal::watchCaller(const QString& caller) {
+    if (callers_->watchedServices().contains(caller)) {
+        return;
+    }
+    callers_->addWatchedService(caller);
+    // The caller may have left before the watch was in place: ask the bus once, after it.
+    auto* pending = new QDBusPendingCallWatcher(bus_.asyncCall(QDBusMessage::createMethodCall(
+        QStringLiteral("org.freedesktop.DBus"), QStringLiteral("/org/freedesktop/DBus"),
+        QStringLiteral("org.freedesktop.DBus"), QStringLiteral("NameHasOwner")) << caller),
+        callers_.get());
+    QObject::connect(pending, &QDBusPendingCallWatcher::finished,
+                     [this, caller](QDBusPendingCallWatcher* call) {
+                         const QDBusPendingReply<bool> reply = *call;
+                         call->deleteLater();
+                         if (reply.isValid() && !reply.value()) {
+                             forgetCaller(caller);
+                         }
+                     });
 }
 
 void BroadcastPickerPortal::forgetCaller(const QString& caller) {

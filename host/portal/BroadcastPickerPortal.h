@@ -52,6 +52,7 @@ private:
     void setupBroadcast(const QDBusMessage& message);
     void close(const QDBusMessage& message);
     void finish(const QString& path, uint response, const QVariantMap& results);
+    void watchCaller(const QString& caller);
     void forgetCaller(const QString& caller);
     void armIdleTimer();
 

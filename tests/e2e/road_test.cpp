@@ -135,9 +135,9 @@ TEST_F(RoadTest, SetupThatNeverCompletesLeavesTheHostTimingOutCleanly) {
         ASSERT_TRUE(host.finished);
         EXPECT_EQ(host.exitCode, 1);
         EXPECT_TRUE(host.standardOutput.isEmpty()) << host.standardOutput.toStdString();
-        EXPECT_EQ(host.countInLog("lumaro-broadcast pick: no outcome within 8 s: the setup UI "
-                                  "exited without an outcome reaching the host"),
-                  1)
+        // Whether the setup UI died before or after the picker asked for the sheet is a race
+        // the host cannot see: it knows only that no outcome came.
+        EXPECT_EQ(host.countInLog("lumaro-broadcast pick: no outcome within 8 s: "), 1)
             << host.standardError.toStdString();
         EXPECT_EQ(host.countInLog("picker exited"), 0);
         EXPECT_EQ(host.countInLog(kFinishArrival), 0);
