@@ -159,47 +159,102 @@ TEST_F(AgeWalk, AMissingOrNonDirectoryWorkingDirectoryIsReportedOnce) {
 // process would in the middle of the walk.
 class VanishingSecondEntry : public NSFileManager {
 public:
-    QVariantMap attributesOfItemAtPath(const QString& path, NSErrorPtr* error) override {
+    bool attributesOfItemInDirectory(const NSDirectory& directory, const std::string& name,
+                                     NSFileItemAttributes* attributes, NSErrorPtr* error) override {
         if (++calls_ == 2) {
-            ::unlink(QFile::encodeName(path).constData());
+            vanished_ = directory.pathOfEntry(name).toStdString();
+            ::unlinkat(directory.fd(), name.c_str(), 0);
         }
-        return NSFileManager::attributesOfItemAtPath(path, error);
+        return NSFileManager::attributesOfItemInDirectory(directory, name, attributes, error);
     }
     int calls_ = 0;
+    std::string vanished_;
 };
+
+// The vanished entry's attributes fail (260), then its removal (4); that error is then reported
+// again after every later step, and only the first entry counts though the later ones go too.
+std::vector<std::string> expectedErrorWalk(const std::string& vanished) {
+    const std::string removal =
+        "error = Error Domain=NSPlatformErrorDomain Code=4 \"The file \u201c" +
+        vanished.substr(vanished.rfind('/') + 1) + "\u201d couldn't be removed: ";
+    std::vector<std::string> lines = {"_srDeleteFilesOlderThanTimeToLiveInSeconds: 0",
+                                      "deleting old file",
+                                      kWalkError + "260",
+                                      "error = Error Domain=NSPlatformErrorDomain Code=260 ",
+                                      "deleting old file",
+                                      kWalkError + "4",
+                                      removal};
+    for (int later = 0; later < 2; ++later) {
+        for (const std::string& line : {kWalkError + "4", removal, std::string("deleting old file"),
+                                        kWalkError + "4", removal}) {
+            lines.push_back(line);
+        }
+    }
+    return lines;
+}
+
+void expectLinesBeginWith(const std::vector<std::string>& lines,
+                          const std::vector<std::string>& beginnings) {
+    ASSERT_EQ(lines.size(), beginnings.size());
+    for (size_t i = 0; i < lines.size(); ++i) {
+        EXPECT_EQ(lines[i].substr(0, beginnings[i].size()), beginnings[i]) << i;
+    }
+}
 
 TEST_F(AgeWalk, AnErrorStaysForTheRestOfTheWalkAndStopsTheCount) {
     for (const char* name : {"a.mp4", "b.mp4", "c.mp4", "d.mp4"}) {
         writeEntry(QString::fromLatin1(name), 100);
     }
     VanishingSecondEntry receiver;
-    // Only the first entry counts, though the later ones are removed too.
     EXPECT_EQ(_srDeleteAllTempFiles(receiver), 100);
     EXPECT_TRUE(QDir(workDir_).isEmpty());
-
-    // The vanished entry's attributes fail (260), then its removal (4); that error is then
-    // reported again after every later step.
-    std::vector<std::string> expected = {"_srDeleteFilesOlderThanTimeToLiveInSeconds: 0",
-                                         "deleting old file",
-                                         kWalkError + "260",
-                                         "error = ",
-                                         "deleting old file",
-                                         kWalkError + "4",
-                                         "error = "};
-    for (int later = 0; later < 2; ++later) {
-        for (const std::string& line :
-             {kWalkError + "4", std::string("error = "), std::string("deleting old file"),
-              kWalkError + "4", std::string("error = ")}) {
-            expected.push_back(line);
-        }
-    }
     const auto texts = log_.texts();
-    ASSERT_EQ(texts.size(), expected.size());
-    for (size_t i = 0; i < texts.size(); ++i) {
-        EXPECT_EQ(texts[i].substr(0, expected[i] == "error = " ? 8 : std::string::npos),
-                  expected[i])
-            << i;
+    expectLinesBeginWith(texts, expectedErrorWalk(receiver.vanished_));
+    EXPECT_NE(texts[3].find("NSFilePath=" + receiver.vanished_), std::string::npos);
+}
+
+// The same walk with its lines written to standard error, where they are gathered into few
+// writes: every line whole, in order, with its type.
+TEST_F(AgeWalk, OnStandardErrorTheLinesComeWholeAndInOrder) {
+    for (const char* name : {"a.mp4", "b.mp4", "c.mp4", "d.mp4"}) {
+        writeEntry(QString::fromLatin1(name), 100);
     }
+    TempDir out;
+    const QString errFile = out.file(QStringLiteral("stderr"));
+    const int file = ::open(QFile::encodeName(errFile).constData(), O_WRONLY | O_CREAT, 0600);
+    ASSERT_GE(file, 0);
+    const int saved = ::dup(STDERR_FILENO);
+    ::dup2(file, STDERR_FILENO);
+    ::close(file);
+    VanishingSecondEntry receiver;
+    {
+        // Only one capture is current: one made and dropped leaves the messages to the backend.
+        const platform::log::LogCapture dropped;
+    }
+    const int64_t total = _srDeleteAllTempFiles(receiver);
+    ::dup2(saved, STDERR_FILENO);
+    ::close(saved);
+    EXPECT_EQ(total, 100);
+
+    QFile written(errFile);
+    ASSERT_TRUE(written.open(QIODevice::ReadOnly));
+    std::vector<std::string> texts;
+    std::vector<std::string> types;
+    for (const QByteArray& line : written.readAll().split('\n')) {
+        if (line.isEmpty()) {
+            continue;
+        }
+        // "date time name[pid] <Type> text"
+        const qsizetype open = line.indexOf(" <");
+        const qsizetype close = line.indexOf("> ", open);
+        ASSERT_TRUE(open > 0 && close > open) << line.toStdString();
+        types.push_back(line.mid(open + 2, close - open - 2).toStdString());
+        texts.push_back(line.mid(close + 2).toStdString());
+    }
+    expectLinesBeginWith(texts, expectedErrorWalk(receiver.vanished_));
+    EXPECT_EQ(types[2], "Error");
+    EXPECT_EQ(types[3], "NSLog");
+    EXPECT_EQ(types[4], "Default");
 }
 
 }  // namespace
