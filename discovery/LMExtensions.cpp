@@ -2,6 +2,7 @@
 
 #include <QDir>
 #include <mutex>
+#include <optional>
 
 #include "platform/extension/NSExtensionRegistry.h"
 #include "platform/extension/UTType.h"
@@ -52,6 +53,9 @@ void extensionsWithMatchingPointNameBaseIdentifierActivationRule(
         [result = std::move(result), baseIdentifier, activationRule, unwantedActivationRule,
          completion = std::move(completion)](std::vector<NSExtensionPtr> extensions,
                                              NSErrorPtr error) mutable {
+            // One line per extension: gathered into few writes where the log's sink allows it,
+            // and written before the completion runs.
+            std::optional<platform::log::LogBatch> batch(std::in_place);
             for (const NSExtensionPtr& extension : extensions) {
                 NSLog("NSExtensionPointIdentifier %@ _extensionBundle %@",
                       extension->extensionPointIdentifier(), extension->_extensionBundle());
@@ -77,6 +81,7 @@ void extensionsWithMatchingPointNameBaseIdentifierActivationRule(
                     result.push_back(extension);
                 }
             }
+            batch.reset();
             if (completion) {
                 completion(std::move(result), std::move(error));
             }
