@@ -14,11 +14,22 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <unordered_map>
 
 #include "platform/extension/NSExtensionManifest.h"
 #include "platform/log/os_log.h"
 
 namespace platform::extension {
+
+// Keys and whole maps and lists met before, by their bytes in the index: manifests repeat keys and
+// whole dictionaries (activation rules, often the declared attributes), and a repeated one costs
+// a look-up instead of allocations (Qt's containers share their data). Other strings are mostly
+// a manifest's own: looking them up would cost more than it saves.
+struct DecodeCache {
+    std::unordered_map<std::string_view, QString> strings;
+    std::unordered_map<std::string_view, QVariant> values;
+};
+
 namespace {
 
 // Layout, native byte order (the magic tells another order apart):
@@ -109,22 +120,21 @@ public:
         switch (v.typeId()) {
             case QMetaType::QVariantMap: {
                 const QVariantMap map = v.toMap();
-                value<uint8_t>(kMap);
-                value<uint32_t>(static_cast<uint32_t>(map.size()));
+                const qsizetype start = begin(kMap, map.size());
                 for (auto it = map.cbegin(); it != map.cend(); ++it) {
                     string(it.key());
                     if (!variant(it.value())) {
                         return false;
                     }
                 }
-                return true;
+                return end(start);
             }
             case QMetaType::QVariantList: {
                 const QVariantList list = v.toList();
-                value<uint8_t>(kList);
-                value<uint32_t>(static_cast<uint32_t>(list.size()));
+                const qsizetype start = begin(kList, list.size());
                 return std::all_of(list.cbegin(), list.cend(),
-                                   [this](const QVariant& item) { return variant(item); });
+                                   [this](const QVariant& item) { return variant(item); }) &&
+                       end(start);
             }
             case QMetaType::QString:
                 value<uint8_t>(kString);
@@ -152,6 +162,20 @@ public:
     QByteArray& out() { return out_; }
 
 private:
+    // A map or a list: its tag, then the size of what follows (so that a reader can take a
+    // value met before whole), then its count and items.
+    qsizetype begin(Tag tag, qsizetype count) {
+        value<uint8_t>(tag);
+        const qsizetype start = out_.size();
+        value<uint32_t>(0);
+        value<uint32_t>(static_cast<uint32_t>(count));
+        return start;
+    }
+    bool end(qsizetype start) {
+        const auto size = static_cast<uint32_t>(out_.size() - start - sizeof(uint32_t));
+        std::memcpy(out_.data() + start, &size, sizeof size);
+        return true;
+    }
     QByteArray out_;
 };
 
@@ -174,7 +198,8 @@ bool encodeExtension(const NSExtension& extension, Writer* w) {
 
 class Reader {
 public:
-    Reader(const char* data, size_t size) : p_(data), end_(data + size) {}
+    Reader(const char* data, size_t size, DecodeCache* shared = nullptr)
+        : p_(data), end_(data + size), shared_(shared) {}
     bool ok() const { return ok_; }
     const char* position() const { return p_; }
     bool skip(size_t n) {
@@ -203,29 +228,44 @@ public:
         const std::string_view b = bytes();
         return QString::fromUtf8(b.data(), static_cast<qsizetype>(b.size()));
     }
+    QString sharedString() {
+        const std::string_view b = bytes();
+        if (shared_ == nullptr) {
+            return QString::fromUtf8(b.data(), static_cast<qsizetype>(b.size()));
+        }
+        auto [it, added] = shared_->strings.try_emplace(b);
+        if (added) {
+            it->second = QString::fromUtf8(b.data(), static_cast<qsizetype>(b.size()));
+        }
+        return it->second;
+    }
     QVariant variant(int depth = 0) {
         if (depth > 64) {
             ok_ = false;
             return {};
         }
-        switch (value<uint8_t>()) {
-            case kMap: {
-                QVariantMap map;
-                const auto count = value<uint32_t>();
-                for (uint32_t i = 0; i < count && ok_; ++i) {
-                    QString key = string();
-                    map.insert(std::move(key), variant(depth + 1));
-                }
-                return map;
+        const auto tag = value<uint8_t>();
+        if (tag == kMap || tag == kList) {
+            const char* start = p_;
+            const auto size = value<uint32_t>();
+            if (!skip(size)) {
+                return {};
             }
-            case kList: {
-                QVariantList list;
-                const auto count = value<uint32_t>();
-                for (uint32_t i = 0; i < count && ok_; ++i) {
-                    list.push_back(variant(depth + 1));
+            const std::string_view whole(start, size + sizeof size);
+            if (shared_ != nullptr) {
+                if (auto it = shared_->values.find(whole); it != shared_->values.end()) {
+                    return it->second;
                 }
-                return list;
             }
+            Reader inner(start + sizeof size, size, shared_);
+            QVariant made = tag == kMap ? inner.map(depth) : inner.list(depth);
+            ok_ = inner.ok_;
+            if (shared_ != nullptr && ok_) {
+                shared_->values.emplace(whole, made);
+            }
+            return made;
+        }
+        switch (tag) {
             case kString:
                 return string();
             case kBool:
@@ -243,8 +283,29 @@ public:
     }
 
 private:
+    QVariant map(int depth) {
+        QVariantMap map;
+        const auto count = value<uint32_t>();
+        for (uint32_t i = 0; i < count && ok_; ++i) {
+            QString key = sharedString();
+            map.insert(std::move(key), variant(depth + 1));
+        }
+        ok_ = ok_ && p_ == end_;
+        return map;
+    }
+    QVariant list(int depth) {
+        QVariantList list;
+        const auto count = value<uint32_t>();
+        for (uint32_t i = 0; i < count && ok_; ++i) {
+            list.push_back(variant(depth + 1));
+        }
+        ok_ = ok_ && p_ == end_;
+        return list;
+    }
+
     const char* p_;
     const char* end_;
+    DecodeCache* shared_;
     bool ok_ = true;
 };
 
@@ -253,6 +314,8 @@ void logIgnored(const QString& path, const char* reason) {
 }
 
 }  // namespace
+
+ExtensionIndex::ExtensionIndex() = default;
 
 ExtensionIndex::~ExtensionIndex() {
     if (data_ != nullptr) {
@@ -380,7 +443,10 @@ qsizetype ExtensionIndex::find(const std::string& name, qsizetype from) const {
 
 bool ExtensionIndex::decode(qsizetype i, const QString& manifestPath, IndexRecord* record) const {
     const Item& item = items_[static_cast<size_t>(i)];
-    Reader reader(data_ + item.payload, item.payloadSize);
+    if (!shared_) {
+        shared_ = std::make_unique<DecodeCache>();
+    }
+    Reader reader(data_ + item.payload, item.payloadSize, shared_.get());
     record->name = names_[static_cast<size_t>(i)];
     record->identity = item.identity;
     record->readAgain = item.kind == kReadAgain;

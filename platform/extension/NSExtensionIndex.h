@@ -46,6 +46,8 @@ struct IndexRecord {
     bool readAgain = false;
 };
 
+struct DecodeCache;
+
 class ExtensionIndex {
 public:
     ~ExtensionIndex();
@@ -90,7 +92,7 @@ private:
         size_t payload;
         size_t payloadSize;
     };
-    ExtensionIndex() = default;
+    ExtensionIndex();
     static std::unique_ptr<ExtensionIndex> map(const QString& path, const QString& folder,
                                                const struct stat& folderStat, bool inFolder);
 
@@ -101,6 +103,7 @@ private:
     int64_t verifiedAtNs_ = 0;
     std::vector<std::string> names_;
     std::vector<Item> items_;
+    mutable std::unique_ptr<DecodeCache> shared_;  // what decode has met
 };
 
 }  // namespace platform::extension

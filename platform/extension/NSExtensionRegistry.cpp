@@ -103,12 +103,6 @@ NSExtensionRegistry::Scan NSExtensionRegistry::scan(const QStringList& folders) 
     using platform::extension::IndexRecord;
     Scan result;
     std::map<QString, NSExtensionPtr> byIdentifier;  // ordered by identifier (byte order)
-    std::unordered_map<std::string, std::shared_ptr<const Entry>> seen;
-    {
-        std::lock_guard lock(mutex_);
-        seen = cache_;
-    }
-    std::unordered_map<std::string, std::shared_ptr<const Entry>> fresh;
 
     for (const QString& folder : folders) {
         // Every time read below is later than this, which the index's check of times needs.
@@ -139,6 +133,15 @@ NSExtensionRegistry::Scan NSExtensionRegistry::scan(const QStringList& folders) 
             continue;
         }
         const int64_t folderMtime = mtimeNs(folderStat);
+        // What this process read of the folder before, and what it holds after this scan.
+        std::shared_ptr<const FolderEntries> before;
+        {
+            std::lock_guard lock(mutex_);
+            if (auto it = cache_.find(folderBytes.toStdString()); it != cache_.end()) {
+                before = it->second;
+            }
+        }
+        auto after = std::make_shared<FolderEntries>();
         const std::unique_ptr<ExtensionIndex> index = ExtensionIndex::open(folder, dirFd);
 
         // The listing: the index's while the folder's time says it holds, else the folder's own.
@@ -170,8 +173,7 @@ NSExtensionRegistry::Scan NSExtensionRegistry::scan(const QStringList& folders) 
         qsizetype indexAt = 0;
         for (size_t n = 0; n < names.size(); ++n) {
             const std::string& name = names[n];
-            const std::string fullPath = folderBytes.toStdString() + '/' + name;
-            const QString path = QFile::decodeName(fullPath.c_str());
+            const QString path = QFile::decodeName(folderBytes + '/' + name.c_str());
             struct stat st {};
             const bool statted = ::fstatat(dirFd, name.c_str(), &st, 0) == 0;
             const platform::extension::ManifestIdentity identity{
@@ -195,15 +197,16 @@ NSExtensionRegistry::Scan NSExtensionRegistry::scan(const QStringList& folders) 
             rewrite = rewrite || known < 0;
 
             std::shared_ptr<const Entry> entry;
-            if (statted) {
-                auto cached = seen.find(fullPath);
-                if (cached != seen.end() && cached->second->device == st.st_dev &&
+            if (statted && before) {
+                auto cached = before->find(name);
+                if (cached != before->end() && cached->second->device == st.st_dev &&
                     cached->second->inode == st.st_ino && cached->second->size == st.st_size &&
                     cached->second->mtimeNs == mtimeNs(st)) {
                     entry = cached->second;
                 }
             }
-            if (!entry) {
+            const bool fresh = !entry;
+            if (fresh) {
                 auto made = std::make_shared<Entry>();
                 made->device = st.st_dev;
                 made->inode = st.st_ino;
@@ -239,7 +242,7 @@ NSExtensionRegistry::Scan NSExtensionRegistry::scan(const QStringList& folders) 
             record.extension = entry->extension;
             record.problem = entry->problem;
             record.readAgain = entry->readAgain;
-            fresh[fullPath] = entry;
+            after->emplace(name, entry);
             if (!entry->extension) {
                 result.problems << path + QStringLiteral(": ") + entry->problem;
                 continue;
@@ -250,7 +253,7 @@ NSExtensionRegistry::Scan NSExtensionRegistry::scan(const QStringList& folders) 
                     QStringLiteral("duplicate identifier %1 (already provided by %2)")
                         .arg(identifier, earlier->second);
                 // Logged when the file is new to the registry, like every other refusal.
-                if (seen.find(fullPath) == seen.end() || seen.at(fullPath) != entry) {
+                if (fresh) {
                     os_log_error(OS_LOG_DEFAULT,
                                  "extension manifest %{public}s skipped: %{public}s", path,
                                  problem);
@@ -260,6 +263,10 @@ NSExtensionRegistry::Scan NSExtensionRegistry::scan(const QStringList& folders) 
             }
             identifiersHere.emplace(identifier, path);
             byIdentifier.emplace(identifier, entry->extension);  // an earlier folder wins
+        }
+        {
+            std::lock_guard lock(mutex_);
+            cache_[folderBytes.toStdString()] = std::move(after);
         }
         if (rewrite) {
             ExtensionIndex::write(folder, dirFd, records, folderMtime, startedAt);
@@ -272,13 +279,6 @@ NSExtensionRegistry::Scan NSExtensionRegistry::scan(const QStringList& folders) 
     result.extensions.reserve(byIdentifier.size());
     for (auto& [identifier, extension] : byIdentifier) {
         result.extensions.push_back(extension);
-    }
-    {
-        std::lock_guard lock(mutex_);
-        // Keep what this scan read; entries of other folders stay for other search paths.
-        for (auto& [path, entry] : fresh) {
-            cache_[path] = entry;
-        }
     }
     return result;
 }
