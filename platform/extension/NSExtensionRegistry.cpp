@@ -23,6 +23,7 @@ struct NSExtensionRegistry::Entry {
     ino_t inode = 0;
     off_t size = 0;
     int64_t mtimeNs = 0;
+    int64_t readAtNs = 0;  // a time this close to the read may hide a later change (see the index)
     NSExtensionPtr extension;  // empty when the manifest was refused
     QString problem;
     bool readAgain = false;  // refused for now only: the file could not be read
@@ -197,21 +198,25 @@ NSExtensionRegistry::Scan NSExtensionRegistry::scan(const QStringList& folders) 
             rewrite = rewrite || known < 0;
 
             std::shared_ptr<const Entry> entry;
+            std::shared_ptr<const Entry> readBefore;  // this version, read too recently to trust
             if (statted && before) {
                 auto cached = before->find(name);
                 if (cached != before->end() && cached->second->device == st.st_dev &&
                     cached->second->inode == st.st_ino && cached->second->size == st.st_size &&
                     cached->second->mtimeNs == mtimeNs(st)) {
-                    entry = cached->second;
+                    (ExtensionIndex::isRacy(cached->second->mtimeNs, cached->second->readAtNs)
+                         ? readBefore
+                         : entry) = cached->second;
                 }
             }
-            const bool fresh = !entry;
-            if (fresh) {
+            bool logged = !entry;  // whether its refusals are news to this registry
+            if (!entry) {
                 auto made = std::make_shared<Entry>();
                 made->device = st.st_dev;
                 made->inode = st.st_ino;
                 made->size = st.st_size;
                 made->mtimeNs = mtimeNs(st);
+                made->readAtNs = startedAt;
                 IndexRecord kept;
                 if (known >= 0 && !index->readAgain(known) && index->decode(known, path, &kept)) {
                     made->extension = std::move(kept.extension);
@@ -232,7 +237,14 @@ NSExtensionRegistry::Scan NSExtensionRegistry::scan(const QStringList& folders) 
                         rewrite = true;
                     }
                 }
-                if (!made->extension) {
+                // Read again only to be sure, and found as before: not news.
+                const bool asBefore =
+                    readBefore && readBefore->problem == made->problem &&
+                    (readBefore->extension && made->extension
+                         ? readBefore->extension->identifier() == made->extension->identifier()
+                         : !readBefore->extension && !made->extension);
+                logged = !asBefore;
+                if (!made->extension && logged) {
                     os_log_error(OS_LOG_DEFAULT,
                                  "extension manifest %{public}s skipped: %{public}s", path,
                                  made->problem);
@@ -253,7 +265,7 @@ NSExtensionRegistry::Scan NSExtensionRegistry::scan(const QStringList& folders) 
                     QStringLiteral("duplicate identifier %1 (already provided by %2)")
                         .arg(identifier, earlier->second);
                 // Logged when the file is new to the registry, like every other refusal.
-                if (fresh) {
+                if (logged) {
                     os_log_error(OS_LOG_DEFAULT,
                                  "extension manifest %{public}s skipped: %{public}s", path,
                                  problem);

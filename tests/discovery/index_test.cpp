@@ -41,14 +41,6 @@ void setTime(const QString& path, int64_t ns) {
     ASSERT_EQ(::utimensat(AT_FDCWD, QFile::encodeName(path).constData(), times, 0), 0);
 }
 
-QStringList identifiersOf(const NSExtensionRegistry::Scan& scan) {
-    QStringList ids;
-    for (const NSExtensionPtr& extension : scan.extensions) {
-        ids << extension->identifier();
-    }
-    return ids;
-}
-
 class Index : public ::testing::Test {
 protected:
     void SetUp() override { qputenv("XDG_CACHE_HOME", QFile::encodeName(cache_.path())); }
@@ -78,11 +70,16 @@ TEST_F(Index, GivesWhatTheManifestsGiveAndSeesEveryChangeAtTheNextQuery) {
     EXPECT_EQ(recordsOf(fresh()), read) << "the index gives exactly what reading gave";
     EXPECT_EQ(capture.texts().size(), 1u) << "the refusal is reported again in a new registry";
 
-    // Changed in place with the same size, added, removed: at once, within the clock's granule.
+    // Changed in place with the same size, added, removed: at once, within the clock's granule,
+    // for a new registry and for one that keeps what it read.
+    NSExtensionRegistry kept;
+    kept.scan({dir_.path()});
     const QString b = writeManifest(dir_, "b.json", manifest("com.test.c"));
     writeManifest(dir_, "d.json", manifest("com.test.d"));
     QFile::remove(dir_.file("rich.json"));
-    EXPECT_EQ(identifiersOf(fresh()), (QStringList{"com.test.c", "com.test.d"}));
+    EXPECT_EQ(identifiersOf(fresh().extensions), (QStringList{"com.test.c", "com.test.d"}));
+    EXPECT_EQ(identifiersOf(kept.scan({dir_.path()}).extensions),
+              (QStringList{"com.test.c", "com.test.d"}));
 
     // A change that kept the manifest's size and time is seen while that time is recent, since
     // a clock tick may hide a change.
@@ -91,7 +88,7 @@ TEST_F(Index, GivesWhatTheManifestsGiveAndSeesEveryChangeAtTheNextQuery) {
     fresh();
     writeManifest(dir_, "b.json", manifest("com.test.e"));
     setTime(b, recent);
-    EXPECT_EQ(identifiersOf(fresh()), (QStringList{"com.test.d", "com.test.e"}));
+    EXPECT_EQ(identifiersOf(fresh().extensions), (QStringList{"com.test.d", "com.test.e"}));
 }
 
 TEST_F(Index, OldTimesAreTrustedOnceTheIndexHasSeenThem) {
@@ -102,7 +99,7 @@ TEST_F(Index, OldTimesAreTrustedOnceTheIndexHasSeenThem) {
     // What only reading the file could tell is taken from the index.
     writeManifest(dir_, "a.json", manifest("com.test.z"));
     setTime(a, hourAgo);
-    EXPECT_EQ(identifiersOf(fresh()), QStringList{"com.test.a"});
+    EXPECT_EQ(identifiersOf(fresh().extensions), QStringList{"com.test.a"});
 }
 
 TEST_F(Index, AnUnusableIndexIsReportedOnceAndRebuilt) {
@@ -127,7 +124,7 @@ TEST_F(Index, AnUnusableIndexIsReportedOnceAndRebuilt) {
     for (const auto& [content, reason] : cases) {
         dir_.write(ExtensionIndex::kFileName, 0, content);
         platform::log::LogCapture capture;
-        EXPECT_EQ(identifiersOf(fresh()), QStringList{"com.test.a"}) << reason;
+        EXPECT_EQ(identifiersOf(fresh().extensions), QStringList{"com.test.a"}) << reason;
         EXPECT_EQ(capture.texts(),
                   std::vector<std::string>{"extension index " + indexPath().toStdString() +
                                            " ignored: " + reason});
@@ -137,46 +134,40 @@ TEST_F(Index, AnUnusableIndexIsReportedOnceAndRebuilt) {
     }
 }
 
-// Makes a folder unwritable even for root (the immutable attribute) while alive.
-class Unwritable {
-public:
-    explicit Unwritable(const QString& folder) {
-        ::chmod(QFile::encodeName(folder).constData(), 0555);
-        fd_ = ::open(QFile::encodeName(folder).constData(), O_RDONLY | O_DIRECTORY);
-        int flags = 0;
-        if (::geteuid() == 0 &&
-            (::ioctl(fd_, FS_IOC_GETFLAGS, &flags) != 0 ||
-             (flags |= FS_IMMUTABLE_FL, ::ioctl(fd_, FS_IOC_SETFLAGS, &flags)) != 0)) {
-            works_ = false;
-        }
+// Makes a folder unwritable, for root too (the immutable attribute), while alive.
+struct Unwritable {
+    explicit Unwritable(const QString& folder)
+        : fd(::open(QFile::encodeName(folder).constData(), O_RDONLY | O_DIRECTORY)) {
+        ::fchmod(fd, 0555);
+        works =
+            ::geteuid() != 0 || (::ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0 &&
+                                 ::ioctl(fd, FS_IOC_SETFLAGS, &(flags |= FS_IMMUTABLE_FL)) == 0);
     }
     ~Unwritable() {
-        int flags = 0;
-        if (::ioctl(fd_, FS_IOC_GETFLAGS, &flags) == 0 && (flags & FS_IMMUTABLE_FL) != 0) {
-            flags &= ~FS_IMMUTABLE_FL;
-            ::ioctl(fd_, FS_IOC_SETFLAGS, &flags);
+        flags &= ~FS_IMMUTABLE_FL;
+        if (::geteuid() == 0 && works) {
+            ::ioctl(fd, FS_IOC_SETFLAGS, &flags);
         }
-        ::fchmod(fd_, 0755);
-        ::close(fd_);
+        ::fchmod(fd, 0755);
+        ::close(fd);
     }
-    bool works_ = true;
-
-private:
-    int fd_;
+    int fd;
+    int flags = 0;
+    bool works = false;
 };
 
 TEST_F(Index, AnUnwritableFolderIsIndexedInTheUsersCache) {
     writeManifest(dir_, "a.json", manifest("com.test.a"));
     const Unwritable locked(dir_.path());
-    if (!locked.works_) {
+    if (!locked.works) {
         GTEST_SKIP() << "this file system cannot make a folder unwritable for root";
     }
-    EXPECT_EQ(identifiersOf(fresh()), QStringList{"com.test.a"});
+    EXPECT_EQ(identifiersOf(fresh().extensions), QStringList{"com.test.a"});
     EXPECT_FALSE(QFile::exists(indexPath()));
     const QStringList cached = QDir(cache_.file("lumaro/extension-index")).entryList(QDir::Files);
     ASSERT_EQ(cached.size(), 1);
     platform::log::LogCapture capture;
-    EXPECT_EQ(identifiersOf(fresh()), QStringList{"com.test.a"});
+    EXPECT_EQ(identifiersOf(fresh().extensions), QStringList{"com.test.a"});
 
     // The cache's index of another folder is foreign here.
     TempDir other;
@@ -185,7 +176,7 @@ TEST_F(Index, AnUnwritableFolderIsIndexedInTheUsersCache) {
     QFile::remove(cache_.file("lumaro/extension-index/" + cached[0]));
     ASSERT_TRUE(QFile::copy(other.file(ExtensionIndex::kFileName),
                             cache_.file("lumaro/extension-index/" + cached[0])));
-    EXPECT_EQ(identifiersOf(fresh()), QStringList{"com.test.a"});
+    EXPECT_EQ(identifiersOf(fresh().extensions), QStringList{"com.test.a"});
     EXPECT_EQ(capture.texts().size(), 1u);
     EXPECT_NE(capture.texts()[0].find("ignored: made for another folder"), std::string::npos);
 }

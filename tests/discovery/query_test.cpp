@@ -71,17 +71,6 @@ TEST_F(QueryTest, NoConditionsKeepsEveryOfferedExtensionInRegistryOrderWithOneLo
     EXPECT_EQ(nslogLines, expected.size());
 }
 
-TEST_F(QueryTest, QueryDictionaryHasPointProtocolAndBothPlatforms) {
-    const QVariantMap query = LMExtensions::matchingAttributesForPointName(kTestPoint);
-    ASSERT_EQ(query.size(), 3);
-    EXPECT_EQ(query.value(NSExtensionPointName).toString(), kTestPoint);
-    EXPECT_EQ(query.value(PKProtocolAttribute).toStringList(), QStringList{kTestPoint});
-    const QVariantList platforms = query.value("LS:ExtensionPlatforms").toList();
-    ASSERT_EQ(platforms.size(), 2);
-    EXPECT_EQ(platforms.at(0).toLongLong(), 1);
-    EXPECT_EQ(platforms.at(1).toLongLong(), 6);
-}
-
 TEST_F(QueryTest, BaseIdentifierIsACaseSensitivePrefix) {
     EXPECT_EQ(query("com.test.alpha", {}, {}).identifiers(), QStringList{"com.test.alpha.sub"});
     EXPECT_EQ(query("com.test.Alpha", {}, {}).identifiers(), QStringList{"com.test.Alpha"});
@@ -154,19 +143,15 @@ TEST(QueryErrors, EmptyAnswerIsAnEmptyArrayAndANilCompletionIsAllowed) {
 }
 
 TEST(ProcessMode, OnlyTheSampleBufferStringInTheNSExtensionDictionaryGivesOne) {
-    auto make = [](const QVariantMap& info) {
-        return NSExtension("id", {}, info, nullptr, nullptr);
-    };
-    const QVariantMap sample{{"LMBroadcastProcessMode", "LMBroadcastProcessModeSampleBuffer"}};
-    EXPECT_EQ(LMExtensions::processMode(make({{"NSExtension", sample}})), 1);
-    EXPECT_EQ(LMExtensions::processMode(
-                  make({{"NSExtension", QVariantMap{{"LMBroadcastProcessMode", "Other"}}}})),
-              0);
-    EXPECT_EQ(LMExtensions::processMode(make({{"NSExtension", QVariantMap{}}})), 0);
-    EXPECT_EQ(LMExtensions::processMode(make({})), 0);
-    EXPECT_EQ(
-        LMExtensions::processMode(make({{"NSExtension", "LMBroadcastProcessModeSampleBuffer"}})),
-        0);
+    const QString sample = "LMBroadcastProcessModeSampleBuffer";
+    for (const auto& [info, mode] : std::vector<std::pair<QVariantMap, int64_t>>{
+             {{{"NSExtension", QVariantMap{{"LMBroadcastProcessMode", sample}}}}, 1},
+             {{{"NSExtension", QVariantMap{{"LMBroadcastProcessMode", "Other"}}}}, 0},
+             {{{"NSExtension", QVariantMap{}}}, 0},
+             {{}, 0},
+             {{{"NSExtension", sample}}, 0}}) {
+        EXPECT_EQ(LMExtensions::processMode(NSExtension("id", {}, info, nullptr, nullptr)), mode);
+    }
 }
 
 TEST(BoolValue, ReadsRuleValuesAsDeclarationsMeanThem) {

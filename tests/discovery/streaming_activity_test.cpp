@@ -1,6 +1,6 @@
 // The streaming activity: title, the image taken at construction against activityImage, the
-// delegate hand-off and its strong ownership, the menu entry that automation chooses by the
-// extension's identifier, and icons that are missing or not images.
+// delegate hand-off and its strong ownership, and icons that are missing or not images. Choosing
+// the entry from a menu is the presentation's test (tests/picker).
 #include <gtest/gtest.h>
 
 #include <QBuffer>
@@ -9,10 +9,7 @@
 #include <QJsonDocument>
 
 #include "picker/LMStreamingActivity.h"
-#include "platform/appkit/NSMenu.h"
-#include "platform/appkit/NSMenuPresenter.h"
 #include "platform/appkit/NSWorkspace.h"
-#include "platform/dispatch/dispatch.h"
 #include "platform/extension/NSExtensionRegistry.h"
 #include "platform/log/os_log.h"
 #include "tests/discovery/ManifestFixture.h"
@@ -76,10 +73,6 @@ TEST_F(StreamingActivityTest, ImageAtConstructionIsTheIconForNoPathAndLaterCalls
     EXPECT_EQ(activity->title(), "Service");
     EXPECT_EQ(activity->activityTitle(), "Service");
     EXPECT_EQ(activity->activityType(), "com.test.activity");
-    EXPECT_EQ(activity->identifier(), "com.test.activity");
-    EXPECT_EQ(activity->applicationExtension(), ext);
-    EXPECT_TRUE(activity->keyEquivalent().isEmpty());
-    EXPECT_TRUE(activity->isEnabled());
 
     const QImage genericIcon = NSWorkspace::sharedWorkspace()->iconForFile(QString()).scaled(
         16, 16, Qt::KeepAspectRatio, Qt::SmoothTransformation);
@@ -96,9 +89,6 @@ TEST_F(StreamingActivityTest, ImageAtConstructionIsTheIconForNoPathAndLaterCalls
     EXPECT_EQ(QColor(later.pixel(8, 8)), QColor(Qt::red));
     EXPECT_EQ(qAlpha(later.pixel(8, 1)), 0);  // the wide icon is centred, not stretched
     EXPECT_NE(shown, later);                  // construction's image is never refreshed
-
-    const auto twin = LMStreamingActivity::initWithApplicationExtension(ext);
-    EXPECT_EQ(twin->activityType(), activity->activityType());
 }
 
 TEST_F(StreamingActivityTest, NoDisplayNameGivesANilTitleEvenWithABundleName) {
@@ -127,29 +117,6 @@ TEST_F(StreamingActivityTest, ChoosingHandsTheActivityToItsStronglyHeldDelegate)
               (std::vector<LMStreamingActivity*>{activity.get(), activity.get()}));
     activity->setDelegate(nullptr);
     EXPECT_TRUE(watch.expired());
-}
-
-TEST_F(StreamingActivityTest, AutomationChoosesTheEntryByTheExtensionIdentifier) {
-    const auto activity = LMStreamingActivity::initWithApplicationExtension(extension({}));
-    auto delegate = std::make_shared<RecordingDelegate>();
-    activity->setDelegate(delegate);
-    auto menu = NSMenu::initWithTitle("Screen Broadcast");
-    auto title = NSMenuItem::initWithTitle("Broadcast to", {}, QString());
-    title->setEnabled(false);
-    menu->setItemArray({title, activity});
-    menu->setAutoenablesItems(false);
-
-    auto presenter = std::make_shared<platform::appkit::AutomationMenuPresenter>(
-        QStringLiteral("com.test.activity"));
-    platform::appkit::NSMenuPresenter::setCurrent(presenter);
-    EXPECT_TRUE(menu->popUpMenuPositioningItem(nullptr, NSMakePoint(1, 2), nullptr));
-    platform::appkit::NSMenuPresenter::setCurrent(nullptr);
-    ASSERT_TRUE(platform::dispatch::runMainLoopUntil(
-        [&delegate] { return !delegate->received.empty(); }, 20000));
-    EXPECT_EQ(delegate->received, (std::vector<LMStreamingActivity*>{activity.get()}));
-    ASSERT_EQ(presenter->records().size(), 1u);
-    EXPECT_EQ(presenter->records()[0].chosen, 1);
-    activity->setDelegate(nullptr);
 }
 
 TEST_F(StreamingActivityTest, MissingOrBrokenIconsGiveThePlaceholderAndOneErrorLine) {

@@ -171,51 +171,9 @@ public:
     std::string vanished_;
 };
 
-// The vanished entry's attributes fail (260), then its removal (4); that error is then reported
-// again after every later step, and only the first entry counts though the later ones go too.
-std::vector<std::string> expectedErrorWalk(const std::string& vanished) {
-    const std::string removal =
-        "error = Error Domain=NSPlatformErrorDomain Code=4 \"The file \u201c" +
-        vanished.substr(vanished.rfind('/') + 1) + "\u201d couldn't be removed: ";
-    std::vector<std::string> lines = {"_srDeleteFilesOlderThanTimeToLiveInSeconds: 0",
-                                      "deleting old file",
-                                      kWalkError + "260",
-                                      "error = Error Domain=NSPlatformErrorDomain Code=260 ",
-                                      "deleting old file",
-                                      kWalkError + "4",
-                                      removal};
-    for (int later = 0; later < 2; ++later) {
-        for (const std::string& line : {kWalkError + "4", removal, std::string("deleting old file"),
-                                        kWalkError + "4", removal}) {
-            lines.push_back(line);
-        }
-    }
-    return lines;
-}
-
-void expectLinesBeginWith(const std::vector<std::string>& lines,
-                          const std::vector<std::string>& beginnings) {
-    ASSERT_EQ(lines.size(), beginnings.size());
-    for (size_t i = 0; i < lines.size(); ++i) {
-        EXPECT_EQ(lines[i].substr(0, beginnings[i].size()), beginnings[i]) << i;
-    }
-}
-
+// Written to standard error, where a walk's lines are gathered into few writes: every line whole,
+// in order, with its type.
 TEST_F(AgeWalk, AnErrorStaysForTheRestOfTheWalkAndStopsTheCount) {
-    for (const char* name : {"a.mp4", "b.mp4", "c.mp4", "d.mp4"}) {
-        writeEntry(QString::fromLatin1(name), 100);
-    }
-    VanishingSecondEntry receiver;
-    EXPECT_EQ(_srDeleteAllTempFiles(receiver), 100);
-    EXPECT_TRUE(QDir(workDir_).isEmpty());
-    const auto texts = log_.texts();
-    expectLinesBeginWith(texts, expectedErrorWalk(receiver.vanished_));
-    EXPECT_NE(texts[3].find("NSFilePath=" + receiver.vanished_), std::string::npos);
-}
-
-// The same walk with its lines written to standard error, where they are gathered into few
-// writes: every line whole, in order, with its type.
-TEST_F(AgeWalk, OnStandardErrorTheLinesComeWholeAndInOrder) {
     for (const char* name : {"a.mp4", "b.mp4", "c.mp4", "d.mp4"}) {
         writeEntry(QString::fromLatin1(name), 100);
     }
@@ -251,7 +209,31 @@ TEST_F(AgeWalk, OnStandardErrorTheLinesComeWholeAndInOrder) {
         types.push_back(line.mid(open + 2, close - open - 2).toStdString());
         texts.push_back(line.mid(close + 2).toStdString());
     }
-    expectLinesBeginWith(texts, expectedErrorWalk(receiver.vanished_));
+    // The vanished entry's attributes fail (260), then its removal (4); that error is then
+    // reported again after every later step, and only the first entry counts.
+    const std::string vanished = receiver.vanished_;
+    const std::string removal =
+        "error = Error Domain=NSPlatformErrorDomain Code=4 \"The file \u201c" +
+        vanished.substr(vanished.rfind('/') + 1) + "\u201d couldn't be removed: ";
+    std::vector<std::string> expected = {"_srDeleteFilesOlderThanTimeToLiveInSeconds: 0",
+                                         "deleting old file",
+                                         kWalkError + "260",
+                                         "error = Error Domain=NSPlatformErrorDomain Code=260 ",
+                                         "deleting old file",
+                                         kWalkError + "4",
+                                         removal};
+    for (int later = 0; later < 2; ++later) {
+        for (const std::string& line : {kWalkError + "4", removal, std::string("deleting old file"),
+                                        kWalkError + "4", removal}) {
+            expected.push_back(line);
+        }
+    }
+    ASSERT_EQ(texts.size(), expected.size());
+    for (size_t i = 0; i < texts.size(); ++i) {
+        EXPECT_EQ(texts[i].substr(0, expected[i].size()), expected[i]) << i;
+    }
+    EXPECT_NE(texts[3].find("NSFilePath=" + vanished), std::string::npos);
+    EXPECT_TRUE(QDir(workDir_).isEmpty());
     EXPECT_EQ(types[2], "Error");
     EXPECT_EQ(types[3], "NSLog");
     EXPECT_EQ(types[4], "Default");
