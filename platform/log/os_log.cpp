@@ -1,6 +1,7 @@
 #include "platform/log/os_log.h"
 
 #include <sys/stat.h>
+#include <pthread.h>
 #include <unistd.h>
 
 #include <ctime>
@@ -8,6 +9,7 @@
 #include <cstdlib>
 #include <cerrno>
 #include <cstring>
+#include <atomic>
 #include <mutex>
 
 #ifdef LUMARO_HAVE_JOURNAL
@@ -107,6 +109,20 @@ void appendTimestamp(std::string& line) {
     line.append(cached, cachedLength).append(millis);
 }
 
+// The process id of every line, asked once (again in a forked child) rather than once per line.
+std::atomic<pid_t> gPid{0};
+
+pid_t processId() {
+    pid_t pid = gPid.load(std::memory_order_relaxed);
+    if (pid == 0) {
+        static std::once_flag atFork;
+        std::call_once(atFork, [] { pthread_atfork(nullptr, nullptr, [] { gPid.store(0); }); });
+        pid = getpid();
+        gPid.store(pid, std::memory_order_relaxed);
+    }
+    return pid;
+}
+
 void writeToBackend(const LogRecord& record) {
     static const bool journal = stderrIsJournal();
     static const std::string name = processName();
@@ -128,7 +144,7 @@ void writeToBackend(const LogRecord& record) {
     line.reserve(line.size() + record.text.size() + 64);
     appendTimestamp(line);
     line.append(" ").append(name).append("[");
-    line.append(std::to_string(getpid())).append("] <").append(type).append("> ");
+    line.append(std::to_string(processId())).append("] <").append(type).append("> ");
     line.append(record.text).append("\n");
     if (tBatch.depth == 0) {
         writeAll(single);
