@@ -341,13 +341,17 @@ std::unique_ptr<ExtensionIndex> ExtensionIndex::open(const QString& folder, int 
     if (::fstat(folderFd, &folderStat) != 0) {
         return nullptr;
     }
-    // The folder's own index first; the cache's when that is missing, unusable or out of date.
+    // The folder's own index or the cache's: one that holds for the folder's time, the newer if
+    // both do (a folder that stopped being writable has its own index left behind).
     auto own = map(folder + QLatin1Char('/') + QLatin1String(kFileName), folder, folderStat, true);
-    if (own && own->folderMtimeNs_ == mtimeNsOf(folderStat)) {
-        return own;
-    }
     auto cached = map(cachePathFor(folder), folder, folderStat, false);
-    if (cached && (!own || cached->folderMtimeNs_ == mtimeNsOf(folderStat))) {
+    const auto holds = [&](const std::unique_ptr<ExtensionIndex>& index) {
+        return index && index->folderMtimeNs_ == mtimeNsOf(folderStat);
+    };
+    if (holds(own) && holds(cached)) {
+        return own->verifiedAtNs_ >= cached->verifiedAtNs_ ? std::move(own) : std::move(cached);
+    }
+    if (holds(cached) || !own) {
         return cached;
     }
     return own;
