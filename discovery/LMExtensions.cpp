@@ -1,5 +1,7 @@
 #include "discovery/LMExtensions.h"
 
+#include <optional>
+
 #include "platform/extension/NSExtensionRegistry.h"
 #include "platform/extension/UTType.h"
 #include "platform/log/os_log.h"
@@ -33,6 +35,9 @@ void extensionsWithMatchingPointNameBaseIdentifierActivationRule(
         [result = std::move(result), baseIdentifier, activationRule, unwantedActivationRule,
          completion = std::move(completion)](std::vector<NSExtensionPtr> extensions,
                                              NSErrorPtr error) mutable {
+            // One line per extension: gathered into few writes where the log's sink allows it,
+            // and written before the completion runs.
+            std::optional<platform::log::LogBatch> batch(std::in_place);
             for (const NSExtensionPtr& extension : extensions) {
                 NSLog("NSExtensionPointIdentifier %@ _extensionBundle %@",
                       extension->extensionPointIdentifier(), extension->_extensionBundle());
@@ -60,6 +65,7 @@ void extensionsWithMatchingPointNameBaseIdentifierActivationRule(
                     result.push_back(extension);
                 }
             }
+            batch.reset();
             if (completion) {
                 completion(std::move(result), std::move(error));
             }

@@ -133,31 +133,30 @@ int64_t _srDeleteAllTempFiles(NSFileManager& fm) {
 int64_t _srDeleteFilesOlderThanTimeToLiveInSeconds(NSFileManager& fm, double timeToLive) {
     os_log(OS_LOG_DEFAULT, "_srDeleteFilesOlderThanTimeToLiveInSeconds: %i",
            truncatedSeconds(timeToLive));
-    const QString directory = _srTempPath(fm);
+    // A line per entry: gathered into few writes where the log's sink allows it.
+    const platform::log::LogBatch batch;
     NSErrorPtr error;  // one for the whole walk: once set, it stays set
-    const QStringList names =
-        NSFileManager::defaultManager()->contentsOfDirectoryAtPath(directory, &error);
+    // The listing keeps the directory open: each entry is read and removed by its name in it.
+    const std::unique_ptr<NSDirectory> directory =
+        NSFileManager::defaultManager()->openDirectoryAtPath(_srTempPath(fm), &error);
     reportWalkError(error);
 
     const qint64 now = NSDate::date().toMSecsSinceEpoch();
     int64_t total = 0;
-    for (const QString& name : names) {
-        const QString path = entryPath(directory, name);
-        const QVariantMap attributes = fm.attributesOfItemAtPath(path, &error);
+    for (const std::string& name : directory->names()) {
+        NSFileItemAttributes attributes;
+        // An entry that could not be read has no date and counts as age 0, size 0.
+        const bool read = fm.attributesOfItemInDirectory(*directory, name, &attributes, &error);
         reportWalkError(error);
-        // An entry that could not be read has no date and counts as age 0.
-        const QDateTime modified = fileModificationDate(attributes);
-        const double age = modified.isValid()
-                               ? static_cast<double>(now - modified.toMSecsSinceEpoch()) / 1000.0
-                               : 0.0;
-        const auto size = static_cast<int64_t>(fileSize(attributes));
+        const double age =
+            read ? static_cast<double>(now - attributes.modificationMSecs) / 1000.0 : 0.0;
         // A time to live that is not a number compares false both ways and keeps everything.
         if (timeToLive == 0.0 || age > timeToLive) {
             os_log(OS_LOG_DEFAULT, "deleting old file");
-            fm.removeItemAtPath(path, &error);
+            fm.removeItemInDirectory(*directory, name, &error);
             reportWalkError(error);
             if (!error) {
-                total += size;
+                total += static_cast<int64_t>(attributes.size);
             }
         }
     }

@@ -76,6 +76,8 @@ int64_t _srDeleteAllTempFiles(NSFileManager& fm);
 // (every entry when it is 0.0; none when it is not a number), not recursing, never following a
 // symbolic link. Answers the bytes deleted. One error variable serves the whole walk: once an
 // error is met, it is reported again after every later step and no further size is counted.
+// The directory is listed once and kept open: each entry is read and removed by its name in it,
+// and the walk's log lines are written together where the log's sink allows.
 int64_t _srDeleteFilesOlderThanTimeToLiveInSeconds(NSFileManager& fm, double timeToLive);
 
 // Removes the file at `url` on the background queue when it exists; `completion` (may be empty)

@@ -1,13 +1,17 @@
 // Times the setup-UI query over a folder of generated manifests.
 //
 //   bench_discovery generate DIR COUNT   writes COUNT manifests into DIR
-//   bench_discovery query DIR [RUNS]     times the query: cold (the registry's caches dropped
-//                                        before each run) and warm (caches kept), and prints
-//                                        the median and the fastest run of each, then the
-//                                        steps of a cold read one by one
+//   bench_discovery first DIR            times this process's first query, as a program that
+//                                        starts and asks once does: prints the milliseconds
+//   bench_discovery read DIR             times reading every manifest of DIR once (open, fstat,
+//                                        read, close), the floor of any query without an index
+//   bench_discovery query DIR [RUNS]     times the query in one process: every manifest read
+//                                        again (index and in-process caches dropped), from the
+//                                        folder's index (in-process caches dropped), and warm;
+//                                        then the steps of a read without the index one by one
 //
-// Only the process's own caches can be dropped; the kernel's page cache stays warm, so "cold"
-// here means "every manifest read and parsed again", not "read from disk".
+// Only the process's own caches can be dropped; the kernel's page cache stays warm, so every
+// figure here reads from memory, not from disk.
 #include <QCoreApplication>
 #include <QDir>
 #include <QFile>
@@ -73,8 +77,22 @@ double runQuery(size_t* found) {
 
 void report(const char* label, std::vector<double> times, size_t found) {
     std::sort(times.begin(), times.end());
-    std::printf("%-5s query: median %8.2f ms, fastest %8.2f ms over %zu runs (%zu extensions)\n",
+    std::printf("%-8s query: median %8.2f ms, fastest %8.2f ms over %zu runs (%zu extensions)\n",
                 label, times[times.size() / 2], times.front(), times.size(), found);
+}
+
+QStringList manifestPaths(const QString& dir) {
+    QStringList paths;
+    for (const QString& name : QDir(dir).entryList({"*.json"}, QDir::Files, QDir::Name)) {
+        paths << dir + '/' + name;
+    }
+    return paths;
+}
+
+void removeIndexes(const QString& dir) {
+    QFile::remove(dir + QStringLiteral("/.lumaro-extensions.index"));
+    QDir(qEnvironmentVariable("XDG_CACHE_HOME") + QStringLiteral("/lumaro/extension-index"))
+        .removeRecursively();
 }
 
 int query(const QString& dir, int runs) {
@@ -82,19 +100,53 @@ int query(const QString& dir, int runs) {
     platform::log::setEnabledTypes(platform::log::kErrorTypeBit);
     platform::log::LogCapture quiet;  // the NSLog line per extension would dominate otherwise
     size_t found = 0;
-    std::vector<double> cold;
+    std::vector<double> rebuilt;
+    std::vector<double> indexed;
     std::vector<double> warm;
     for (int i = 0; i < runs; ++i) {
+        removeIndexes(dir);
         NSExtensionRegistry::sharedRegistry()->dropCaches();
-        cold.push_back(runQuery(&found));
+        rebuilt.push_back(runQuery(&found));
+        quiet.clear();
+    }
+    for (int i = 0; i < runs; ++i) {
+        NSExtensionRegistry::sharedRegistry()->dropCaches();
+        indexed.push_back(runQuery(&found));
         quiet.clear();
     }
     for (int i = 0; i < runs; ++i) {
         warm.push_back(runQuery(&found));
         quiet.clear();
     }
-    report("cold", cold, found);
+    report("no index", rebuilt, found);
+    report("index", indexed, found);
     report("warm", warm, found);
+    return 0;
+}
+
+// One query, the first of this process; the NSLog lines go to standard error as deployed.
+int first(const QString& dir) {
+    qputenv("LUMARO_EXTENSIONS_PATH", dir.toUtf8());
+    size_t found = 0;
+    const double ms = runQuery(&found);
+    std::printf("%.3f %zu\n", ms, found);
+    return 0;
+}
+
+// Reading every manifest once, as the registry would without an index.
+int readAll(const QString& dir) {
+    const auto start = std::chrono::steady_clock::now();
+    const QStringList paths = manifestPaths(dir);
+    size_t bytes = 0;
+    for (const QString& path : paths) {
+        QByteArray content;
+        QString problem;
+        platform::extension::readManifestFile(path, &content, &problem);
+        bytes += static_cast<size_t>(content.size());
+    }
+    const double ms =
+        std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
+    std::printf("%.3f %zu\n", ms, bytes);
     return 0;
 }
 
@@ -104,10 +156,7 @@ int phases(const QString& dir) {
     auto ms = [](Clock::time_point start) {
         return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
     };
-    QStringList paths;
-    for (const QString& name : QDir(dir).entryList({"*.json"}, QDir::Files, QDir::Name)) {
-        paths << dir + '/' + name;
-    }
+    const QStringList paths = manifestPaths(dir);
     std::vector<QByteArray> contents(paths.size());
     auto start = Clock::now();
     for (qsizetype i = 0; i < paths.size(); ++i) {
@@ -121,6 +170,21 @@ int phases(const QString& dir) {
         documents[i] = QJsonDocument::fromJson(contents[i]);
     }
     std::printf("  JSON parse:                      %8.2f ms\n", ms(start));
+    start = Clock::now();
+    {
+        // The same parse split over two threads (this machine has two cores).
+        const size_t half = contents.size() / 2;
+        auto other = std::async(std::launch::async, [&] {
+            for (size_t i = half; i < contents.size(); ++i) {
+                documents[i] = QJsonDocument::fromJson(contents[i]);
+            }
+        });
+        for (size_t i = 0; i < half; ++i) {
+            documents[i] = QJsonDocument::fromJson(contents[i]);
+        }
+        other.get();
+    }
+    std::printf("  JSON parse on two threads:       %8.2f ms\n", ms(start));
     start = Clock::now();
     const platform::extension::JSONSchema schema(platform::extension::manifestSchema());
     for (const QJsonDocument& document : documents) {
@@ -149,13 +213,22 @@ int main(int argc, char** argv) {
     if (args.isEmpty() || args.contains("--help") || args.contains("-h")) {
         std::printf(
             "Usage: bench_discovery generate DIR COUNT\n"
+            "       bench_discovery first DIR\n"
+            "       bench_discovery read DIR\n"
             "       bench_discovery query DIR [RUNS]\n\n"
-            "Times the broadcast setup-UI query over the manifests in DIR: cold (the registry's\n"
-            "in-process caches dropped before each run) and warm. See run.sh.\n");
+            "Times the broadcast setup-UI query over the manifests in DIR: the first query of a\n"
+            "new process, the raw read of every manifest, and, in one process, the query without\n"
+            "the folder's index, with it, and warm. See run.sh.\n");
         return args.isEmpty() ? 2 : 0;
     }
     if (args[0] == "generate" && args.size() == 3) {
         return generate(args[1], args[2].toInt());
+    }
+    if (args[0] == "first" && args.size() == 2) {
+        return first(args[1]);
+    }
+    if (args[0] == "read" && args.size() == 2) {
+        return readAll(args[1]);
     }
     if (args[0] == "query" && args.size() >= 2) {
         const int status = query(args[1], args.size() > 2 ? std::max(1, args[2].toInt()) : 5);

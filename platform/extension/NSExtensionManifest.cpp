@@ -51,6 +51,11 @@ const JSONSchema& compiledManifestSchema() {
 
 }  // namespace
 
+bool isManifestFileName(const char* name) {
+    const size_t length = std::strlen(name);
+    return name[0] != '.' && length > 5 && std::strcmp(name + length - 5, ".json") == 0;
+}
+
 const QJsonObject& manifestSchema() {
     static const QJsonObject schema =
         QJsonDocument::fromJson(QByteArray(manifestSchemaText())).object();
@@ -147,20 +152,27 @@ NSExtensionPtr extensionFromManifestData(const QByteArray& bytes, const QString&
         return nullptr;
     }
     const QJsonObject object = document.object();
-    const QString identifier = object.value("identifier").toString();
-    const QVariantMap attributes = object.value("NSExtension").toObject().toVariantMap();
     QVariantMap info = object.value("infoDictionary").toObject().toVariantMap();
+    info.remove(NSExtensionKey);  // the declared attributes take its place
+    return extensionRecord(object.value("identifier").toString(),
+                           object.value("NSExtension").toObject().toVariantMap(), std::move(info),
+                           resolve(object.value("containingApplication").toString(), manifestPath),
+                           resolve(object.value("executable").toString(), manifestPath),
+                           static_cast<int64_t>(object.value("platform").toInteger()),
+                           manifestPath);
+}
+
+NSExtensionPtr extensionRecord(const QString& identifier, const QVariantMap& attributes,
+                               QVariantMap info, const QString& containingPath,
+                               const QString& executablePath, int64_t platform,
+                               const QString& manifestPath) {
     info.insert(NSExtensionKey, attributes);
     if (!info.contains(kCFBundleIdentifierKey)) {
         info.insert(kCFBundleIdentifierKey, identifier);
     }
-    const QString containing =
-        resolve(object.value("containingApplication").toString(), manifestPath);
-    const QString executable = resolve(object.value("executable").toString(), manifestPath);
     auto plugIn = std::make_shared<const NSExtensionPlugIn>(
-        identifier, QUrl::fromLocalFile(containing),
-        static_cast<int64_t>(object.value("platform").toInteger()), QUrl::fromLocalFile(executable),
-        attributes, manifestPath);
+        identifier, QUrl::fromLocalFile(containingPath), platform,
+        QUrl::fromLocalFile(executablePath), attributes, manifestPath);
     auto bundle = std::make_shared<const NSExtensionBundle>(manifestPath, identifier);
     return std::make_shared<NSExtension>(identifier, attributes, std::move(info), std::move(plugIn),
                                          std::move(bundle));

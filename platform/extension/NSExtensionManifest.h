@@ -11,6 +11,9 @@
 
 namespace platform::extension {
 
+// Whether a file of a search folder is a manifest: "*.json", not hidden.
+bool isManifestFileName(const char* name);
+
 // Manifests larger than this are refused unread.
 constexpr qint64 kMaxManifestSize = 1 << 20;
 
@@ -29,6 +32,13 @@ QStringList validateManifestFile(const QString& path);
 // Relative paths in the manifest are resolved against the folder of `manifestPath`.
 NSExtensionPtr extensionFromManifestData(const QByteArray& bytes, const QString& manifestPath,
                                          QString* problem);
+
+// The record of an extension from its parts, as extensionFromManifestData makes it: `info` is the
+// manifest's information dictionary without its "NSExtension" entry, the paths are resolved.
+NSExtensionPtr extensionRecord(const QString& identifier, const QVariantMap& attributes,
+                               QVariantMap info, const QString& containingPath,
+                               const QString& executablePath, int64_t platform,
+                               const QString& manifestPath);
 
 // Reads a manifest file with the same refusals as validateManifestFile. Answers false and a
 // reason when the file cannot be read.

@@ -15,6 +15,8 @@
 //
 // The registry keeps each parsed manifest together with the file's identity (device, inode,
 // size, modification time) and reuses it while the file is unchanged; dropCaches forgets them.
+// Across processes, each folder's index (NSExtensionIndex.h) stands in for reading its manifests
+// again; dropCaches leaves the indexes alone.
 #pragma once
 
 #include <QStringList>
@@ -54,6 +56,8 @@ public:
 
 private:
     struct Entry;
+    // By folder, the entries of its manifests by file name.
+    using FolderEntries = std::unordered_map<std::string, std::shared_ptr<const Entry>>;
     std::mutex mutex_;
-    std::unordered_map<std::string, std::shared_ptr<const Entry>> cache_;
+    std::unordered_map<std::string, std::shared_ptr<const FolderEntries>> cache_;
 };

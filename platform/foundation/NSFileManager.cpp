@@ -88,7 +88,66 @@ QDateTime dateFrom(const struct statx_timestamp& ts) {
     return QDateTime::fromMSecsSinceEpoch(ts.tv_sec * 1000 + ts.tv_nsec / 1000000, Qt::UTC);
 }
 
+// Removes the entry `name` of the directory `dirFd` (AT_FDCWD for a path): one unlinkat for a
+// file or a link, and for a directory a walk by handles, depth first. Answers 0 or the first
+// error met, where the walk stops.
+int removeEntry(int dirFd, const char* name) {
+    if (::unlinkat(dirFd, name, 0) == 0) {
+        return 0;
+    }
+    const int unlinkError = errno;
+    if (unlinkError != EISDIR && unlinkError != EPERM) {
+        return unlinkError;
+    }
+    const int fd = ::openat(dirFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0) {
+        return errno == ENOTDIR || errno == ELOOP ? unlinkError : errno;
+    }
+    DIR* dir = ::fdopendir(fd);
+    if (dir == nullptr) {
+        const int err = errno;
+        ::close(fd);
+        return err;
+    }
+    int result = 0;
+    while (result == 0) {
+        errno = 0;
+        const dirent* entry = ::readdir(dir);
+        if (entry == nullptr) {
+            result = errno;
+            break;
+        }
+        const char* n = entry->d_name;
+        if ((n[0] == '.' && n[1] == '\0') || (n[0] == '.' && n[1] == '.' && n[2] == '\0')) {
+            continue;
+        }
+        result = removeEntry(fd, n);
+    }
+    ::closedir(dir);
+    if (result == 0 && ::unlinkat(dirFd, name, AT_REMOVEDIR) != 0) {
+        result = errno;
+    }
+    return result;
+}
+
+bool isDotOrDotDot(const char* n) {
+    return (n[0] == '.' && n[1] == '\0') || (n[0] == '.' && n[1] == '.' && n[2] == '\0');
+}
+
 }  // namespace
+
+NSDirectory::NSDirectory(QString path, int fd, std::vector<std::string> names)
+    : path_(std::move(path)), fd_(fd), names_(std::move(names)) {}
+
+NSDirectory::~NSDirectory() {
+    if (fd_ >= 0) {
+        ::close(fd_);
+    }
+}
+
+QString NSDirectory::pathOfEntry(const std::string& name) const {
+    return path_ + QLatin1Char('/') + QFile::decodeName(name.c_str());
+}
 
 uint64_t fileSize(const QVariantMap& attributes) {
     return attributes.value(NSFileSize).toULongLong();
@@ -147,11 +206,9 @@ QStringList NSFileManager::contentsOfDirectoryAtPath(const QString& path, NSErro
         return names;
     }
     while (const dirent* entry = ::readdir(dir)) {
-        const char* n = entry->d_name;
-        if ((n[0] == '.' && n[1] == '\0') || (n[0] == '.' && n[1] == '.' && n[2] == '\0')) {
-            continue;
+        if (!isDotOrDotDot(entry->d_name)) {
+            names << QFile::decodeName(entry->d_name);
         }
-        names << QFile::decodeName(n);
     }
     ::closedir(dir);
     return names;
@@ -193,19 +250,9 @@ QVariantMap NSFileManager::attributesOfFileSystemForPath(const QString& path, NS
 }
 
 bool NSFileManager::removeItemAtPath(const QString& path, NSErrorPtr* error) {
-    const QByteArray native = fsPath(path);
-    // Most entries are files or links: one unlink, and only a directory takes the long way.
-    if (::unlink(native.constData()) == 0) {
-        return true;
-    }
-    if (errno != EISDIR && errno != EPERM) {
-        fail(error, errno, Operation::Remove, path);
-        return false;
-    }
-    std::error_code ec;
-    std::filesystem::remove_all(native.toStdString(), ec);
-    if (ec) {
-        fail(error, ec.value(), Operation::Remove, path);
+    const int err = removeEntry(AT_FDCWD, fsPath(path).constData());
+    if (err != 0) {
+        fail(error, err, Operation::Remove, path);
         return false;
     }
     return true;
@@ -257,4 +304,60 @@ QString stringByExpandingTildeInPath(const QString& path) {
         base.chop(1);
     }
     return base + trimmed.mid(1);
+}
+
+std::unique_ptr<NSDirectory> NSFileManager::openDirectoryAtPath(const QString& path,
+                                                                NSErrorPtr* error) {
+    const int fd = ::open(fsPath(path).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    DIR* dir = fd >= 0 ? ::fdopendir(fd) : nullptr;
+    if (dir == nullptr) {
+        const int err = errno;
+        if (fd >= 0) {
+            ::close(fd);
+        }
+        fail(error, err, Operation::Read, path);
+        return std::make_unique<NSDirectory>(path, -1, std::vector<std::string>{});
+    }
+    std::vector<std::string> names;
+    while (const dirent* entry = ::readdir(dir)) {
+        if (!isDotOrDotDot(entry->d_name)) {
+            names.emplace_back(entry->d_name);
+        }
+    }
+    // The stream goes, the handle stays open for the entries' operations.
+    const int kept = ::dup(fd);
+    ::closedir(dir);
+    if (kept < 0) {
+        fail(error, errno, Operation::Read, path);
+        return std::make_unique<NSDirectory>(path, -1, std::vector<std::string>{});
+    }
+    ::fcntl(kept, F_SETFD, FD_CLOEXEC);
+    return std::make_unique<NSDirectory>(path, kept, std::move(names));
+}
+
+bool NSFileManager::attributesOfItemInDirectory(const NSDirectory& directory,
+                                                const std::string& name,
+                                                NSFileItemAttributes* attributes,
+                                                NSErrorPtr* error) {
+    *attributes = {};
+    struct stat st {};
+    if (::fstatat(directory.fd(), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
+        fail(error, errno, Operation::Read, directory.pathOfEntry(name));
+        return false;
+    }
+    attributes->size = static_cast<uint64_t>(st.st_size);
+    attributes->modificationMSecs =
+        static_cast<qint64>(st.st_mtim.tv_sec) * 1000 + st.st_mtim.tv_nsec / 1000000;
+    attributes->isDirectory = S_ISDIR(st.st_mode);
+    return true;
+}
+
+bool NSFileManager::removeItemInDirectory(const NSDirectory& directory, const std::string& name,
+                                          NSErrorPtr* error) {
+    const int err = removeEntry(directory.fd(), name.c_str());
+    if (err != 0) {
+        fail(error, err, Operation::Remove, directory.pathOfEntry(name));
+        return false;
+    }
+    return true;
 }

@@ -13,6 +13,8 @@
 #include <QUrl>
 #include <QVariantMap>
 #include <memory>
+#include <string>
+#include <vector>
 
 #include "platform/foundation/NSError.h"
 
@@ -33,6 +35,35 @@ inline const QString NSFileTypeUnknown = QStringLiteral("NSFileTypeUnknown");
 // Typed readers of an attributes dictionary.
 uint64_t fileSize(const QVariantMap& attributes);
 QDateTime fileModificationDate(const QVariantMap& attributes);
+
+// What a walk needs of one entry, read without building an attributes dictionary.
+struct NSFileItemAttributes {
+    uint64_t size = 0;                // NSFileSize
+    qint64 modificationMSecs = 0;     // NSFileModificationDate, milliseconds since the epoch
+    bool isDirectory = false;
+};
+
+// An open directory and the entry names it listed (raw bytes, in listing order, no "." or
+// ".."). Entries are named relative to its handle, so a walk pays no path lookup per entry.
+// A directory that could not be opened has no handle and no names.
+class NSDirectory {
+public:
+    NSDirectory(QString path, int fd, std::vector<std::string> names);
+    ~NSDirectory();
+    NSDirectory(const NSDirectory&) = delete;
+    NSDirectory& operator=(const NSDirectory&) = delete;
+
+    const QString& path() const { return path_; }
+    int fd() const { return fd_; }
+    const std::vector<std::string>& names() const { return names_; }
+    // "path/name": how errors name an entry.
+    QString pathOfEntry(const std::string& name) const;
+
+private:
+    QString path_;
+    int fd_;
+    std::vector<std::string> names_;
+};
 
 class NSFileManager {
 public:
@@ -61,6 +92,17 @@ public:
 
     // Fails with NSFileWriteFileExistsError when something is already at the destination.
     virtual bool moveItemAtURL(const QUrl& source, const QUrl& destination, NSErrorPtr* error);
+
+    // The same operations on the entries of an open directory, with the same errors (which name
+    // the entry by its path). openDirectoryAtPath lists like contentsOfDirectoryAtPath and
+    // never answers null.
+    virtual std::unique_ptr<NSDirectory> openDirectoryAtPath(const QString& path,
+                                                             NSErrorPtr* error);
+    // Answers false, with `attributes` zeroed, when the entry cannot be read.
+    virtual bool attributesOfItemInDirectory(const NSDirectory& directory, const std::string& name,
+                                             NSFileItemAttributes* attributes, NSErrorPtr* error);
+    virtual bool removeItemInDirectory(const NSDirectory& directory, const std::string& name,
+                                       NSErrorPtr* error);
 };
 
 // "~" and "~/..." expanded from HOME; like every path string, the result has no trailing slash.

@@ -1,12 +1,15 @@
 #include "platform/log/os_log.h"
 
 #include <sys/stat.h>
+#include <pthread.h>
 #include <unistd.h>
 
 #include <ctime>
 #include <cstdio>
 #include <cstdlib>
+#include <cerrno>
 #include <cstring>
+#include <atomic>
 #include <mutex>
 
 #ifdef LUMARO_HAVE_JOURNAL
@@ -64,6 +67,62 @@ std::string processName() {
     return slash != nullptr ? slash + 1 : buf;
 }
 
+// The lines of this thread's open batches, and how deep they nest.
+struct Batch {
+    int depth = 0;
+    std::string lines;
+};
+thread_local Batch tBatch;
+constexpr size_t kBatchLimit = 64 * 1024;
+
+void writeAll(const std::string& text) {
+    size_t done = 0;
+    while (done < text.size()) {
+        const ssize_t n = ::write(STDERR_FILENO, text.data() + done, text.size() - done);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            return;  // nowhere to write: the log is lost, the program goes on
+        }
+        done += static_cast<size_t>(n);
+    }
+}
+
+// "YYYY-MM-DD HH:MM:SS.mmm" in local time. localtime_r keeps the zone it loaded; Qt's local-time
+// conversion re-checks the zone file on every call, which costs more than the rest of the line.
+// The seconds part is made once per second and thread.
+void appendTimestamp(std::string& line) {
+    thread_local time_t cachedSecond = -1;
+    thread_local char cached[32] = {};
+    thread_local size_t cachedLength = 0;
+    timespec ts{};
+    clock_gettime(CLOCK_REALTIME, &ts);
+    if (ts.tv_sec != cachedSecond) {
+        tm local{};
+        localtime_r(&ts.tv_sec, &local);
+        cachedLength = strftime(cached, sizeof cached, "%Y-%m-%d %H:%M:%S", &local);
+        cachedSecond = ts.tv_sec;
+    }
+    char millis[16];
+    std::snprintf(millis, sizeof millis, ".%03ld", ts.tv_nsec / 1000000);
+    line.append(cached, cachedLength).append(millis);
+}
+
+// The process id of every line, asked once (again in a forked child) rather than once per line.
+std::atomic<pid_t> gPid{0};
+
+pid_t processId() {
+    pid_t pid = gPid.load(std::memory_order_relaxed);
+    if (pid == 0) {
+        static std::once_flag atFork;
+        std::call_once(atFork, [] { pthread_atfork(nullptr, nullptr, [] { gPid.store(0); }); });
+        pid = getpid();
+        gPid.store(pid, std::memory_order_relaxed);
+    }
+    return pid;
+}
+
 void writeToBackend(const LogRecord& record) {
     static const bool journal = stderrIsJournal();
     static const std::string name = processName();
@@ -77,24 +136,22 @@ void writeToBackend(const LogRecord& record) {
 #else
     (void)journal;
 #endif
-    // localtime_r keeps the zone it loaded; Qt's local-time conversion re-checks the zone file
-    // on every call, which costs more than the rest of the line.
-    timespec ts{};
-    clock_gettime(CLOCK_REALTIME, &ts);
-    tm local{};
-    localtime_r(&ts.tv_sec, &local);
-    char now[40];
-    const size_t n = strftime(now, sizeof now, "%Y-%m-%d %H:%M:%S", &local);
-    std::snprintf(now + n, sizeof now - n, ".%03ld", ts.tv_nsec / 1000000);
     const char* type = record.isNSLog ? "NSLog"
                        : record.type >= OS_LOG_TYPE_ERROR ? "Error"
                                                           : "Default";
-    std::string line;
-    line.reserve(record.text.size() + 64);
-    line.append(now).append(" ").append(name).append("[");
-    line.append(std::to_string(getpid())).append("] <").append(type).append("> ");
+    std::string single;
+    std::string& line = tBatch.depth > 0 ? tBatch.lines : single;
+    line.reserve(line.size() + record.text.size() + 64);
+    appendTimestamp(line);
+    line.append(" ").append(name).append("[");
+    line.append(std::to_string(processId())).append("] <").append(type).append("> ");
     line.append(record.text).append("\n");
-    (void)!write(STDERR_FILENO, line.data(), line.size());
+    if (tBatch.depth == 0) {
+        writeAll(single);
+    } else if (tBatch.lines.size() >= kBatchLimit) {
+        writeAll(tBatch.lines);
+        tBatch.lines.clear();
+    }
 }
 
 }  // namespace
@@ -128,6 +185,17 @@ void logMessage(os_log_t log, os_log_type_t type, std::string_view format,
 
 void emitNSLog(std::string_view format, std::initializer_list<FormatArg> args) {
     deliver(LogRecord{"NSLog", OS_LOG_TYPE_DEFAULT, true, formatMessage(format, args)});
+}
+
+LogBatch::LogBatch() {
+    ++tBatch.depth;
+}
+
+LogBatch::~LogBatch() {
+    if (--tBatch.depth == 0 && !tBatch.lines.empty()) {
+        writeAll(tBatch.lines);
+        tBatch.lines.clear();
+    }
 }
 
 struct LogCapture::State {

@@ -6,7 +6,8 @@
 // LUMARO_LOG_TYPES environment variable ("default,error" when unset; "none" silences both) and
 // can be changed at run time. Messages go to standard error, one line each (time, process name
 // and pid, type, text), or to the systemd journal when standard error is connected to it; a
-// capture sink (LogCapture) takes them instead, for tests.
+// capture sink (LogCapture) takes them instead, for tests. A LogBatch gathers a loop's lines into
+// few writes.
 #pragma once
 
 #include <atomic>
@@ -62,6 +63,18 @@ uint32_t enabledTypes();
 void logMessage(os_log_t log, os_log_type_t type, std::string_view format,
           std::initializer_list<FormatArg> args);
 void emitNSLog(std::string_view format, std::initializer_list<FormatArg> args);
+
+// While alive, the lines that this thread writes to standard error are gathered and written
+// together, whenever 64 KiB have gathered and when the last batch of the thread ends, instead of
+// one write per line. The journal and a capture take each message at once as before. For loops
+// that log a line per item; nests.
+class LogBatch {
+public:
+    LogBatch();
+    ~LogBatch();
+    LogBatch(const LogBatch&) = delete;
+    LogBatch& operator=(const LogBatch&) = delete;
+};
 
 // While alive, every message is handed to this object instead of the process's backend.
 // One capture at a time; thread-safe.

@@ -42,12 +42,16 @@ ScopedSearchPath::~ScopedSearchPath() {
     }
 }
 
-QStringList QueryResult::identifiers() const {
+QStringList identifiersOf(const std::vector<NSExtensionPtr>& extensions) {
     QStringList ids;
     for (const NSExtensionPtr& extension : extensions) {
         ids << extension->identifier();
     }
     return ids;
+}
+
+QStringList QueryResult::identifiers() const {
+    return identifiersOf(extensions);
 }
 
 QueryResult waitFor(const QueryStart& start) {

@@ -32,6 +32,9 @@ private:
     bool hadPrevious_;
 };
 
+// The identifiers of `extensions`, in order.
+QStringList identifiersOf(const std::vector<NSExtensionPtr>& extensions);
+
 struct QueryResult {
     bool answered = false;
     std::vector<NSExtensionPtr> extensions;

@@ -51,13 +51,6 @@ TEST_F(QueryTest, NoConditionsKeepsEveryOfferedExtensionInRegistryOrderWithOneLo
                                "com.test.zeta"};
     EXPECT_EQ(result.identifiers(), expected);
 
-    // The registry's own answer has the same order: the query keeps it.
-    const QueryResult platformAnswer = waitFor([](auto completion) {
-        NSExtension::extensionsWithMatchingAttributes(
-            LMExtensions::matchingAttributesForPointName(kTestPoint), completion);
-    });
-    EXPECT_EQ(platformAnswer.identifiers(), expected);
-
     size_t nslogLines = 0;
     for (const auto& record : capture.records()) {
         if (record.isNSLog) {
@@ -71,28 +64,11 @@ TEST_F(QueryTest, NoConditionsKeepsEveryOfferedExtensionInRegistryOrderWithOneLo
     EXPECT_EQ(nslogLines, expected.size());
 }
 
-TEST_F(QueryTest, QueryDictionaryHasPointProtocolAndBothPlatforms) {
-    const QVariantMap query = LMExtensions::matchingAttributesForPointName(kTestPoint);
-    ASSERT_EQ(query.size(), 3);
-    EXPECT_EQ(query.value(NSExtensionPointName).toString(), kTestPoint);
-    EXPECT_EQ(query.value(PKProtocolAttribute).toStringList(), QStringList{kTestPoint});
-    const QVariantList platforms = query.value("LS:ExtensionPlatforms").toList();
-    ASSERT_EQ(platforms.size(), 2);
-    EXPECT_EQ(platforms.at(0).toLongLong(), 1);
-    EXPECT_EQ(platforms.at(1).toLongLong(), 6);
-}
-
 TEST_F(QueryTest, BaseIdentifierIsACaseSensitivePrefix) {
     EXPECT_EQ(query("com.test.alpha", {}, {}).identifiers(), QStringList{"com.test.alpha.sub"});
     EXPECT_EQ(query("com.test.Alpha", {}, {}).identifiers(), QStringList{"com.test.Alpha"});
     EXPECT_TRUE(query("COM.", {}, {}).extensions.empty());
     EXPECT_TRUE(query(QStringLiteral(""), {}, {}).extensions.empty());  // no prefix of anything
-    // The short forms pass their arguments to the right places.
-    const QueryResult viaShort = waitFor([](auto completion) {
-        LMExtensions::extensionsWithMatchingPointNameBaseIdentifierCompletion(
-            kTestPoint, "com.test.alpha", completion);
-    });
-    EXPECT_EQ(viaShort.identifiers(), QStringList{"com.test.alpha.sub"});
 }
 
 TEST_F(QueryTest, ActivationRuleMustBePresentAndTrueInARuleDictionary) {
@@ -100,10 +76,6 @@ TEST_F(QueryTest, ActivationRuleMustBePresentAndTrueInARuleDictionary) {
     // eps a predicate string: all dropped.
     const QStringList expected{"com.test.Alpha", "com.test.gamma", "com.test.zeta"};
     EXPECT_EQ(query({}, "X", {}).identifiers(), expected);
-    const QueryResult viaShort = waitFor([](auto completion) {
-        LMExtensions::extensionsWithMatchingPointNameActivationRule(kTestPoint, "X", completion);
-    });
-    EXPECT_EQ(viaShort.identifiers(), expected);
 }
 
 TEST_F(QueryTest, UnwantedRuleDropsOnlyPresentAndTrueAndPassesExtensionsWithoutRuleDictionary) {
@@ -111,16 +83,29 @@ TEST_F(QueryTest, UnwantedRuleDropsOnlyPresentAndTrueAndPassesExtensionsWithoutR
     const QStringList expected{"com.test.Alpha", "com.test.alpha.sub", "com.test.delta",
                                "com.test.eps", "com.test.zeta"};
     EXPECT_EQ(query({}, {}, "Y").identifiers(), expected);
-    const QueryResult viaShort = waitFor([](auto completion) {
-        LMExtensions::extensionsWithMatchingPointNameUnwantedActivationRule(kTestPoint, "Y",
-                                                                            completion);
-    });
-    EXPECT_EQ(viaShort.identifiers(), expected);
-    const QueryResult withBase = waitFor([](auto completion) {
-        LMExtensions::extensionsWithMatchingPointNameBaseIdentifierUnwantedActivationRule(
-            kTestPoint, "com.test.g", "Y", completion);
-    });
-    EXPECT_TRUE(withBase.extensions.empty());
+}
+
+TEST_F(QueryTest, ShortFormsPassTheirArgumentsToTheFullForm) {
+    using namespace LMExtensions;
+    using Start = std::function<void(ExtensionsCompletion)>;
+    const std::pair<Start, QStringList> forms[] = {
+        {[](auto c) {
+             extensionsWithMatchingPointNameBaseIdentifierCompletion(kTestPoint, "com.test.a", c);
+         },
+         {"com.test.alpha.sub"}},
+        {[](auto c) { extensionsWithMatchingPointNameActivationRule(kTestPoint, "X", c); },
+         {"com.test.Alpha", "com.test.gamma", "com.test.zeta"}},
+        {[](auto c) { extensionsWithMatchingPointNameUnwantedActivationRule(kTestPoint, "X", c); },
+         {"com.test.alpha.sub", "com.test.beta", "com.test.delta", "com.test.eps"}},
+        {[](auto c) {
+             extensionsWithMatchingPointNameBaseIdentifierUnwantedActivationRule(
+                 kTestPoint, "com.test.g", "Y", c);
+         },
+         {}},
+    };
+    for (const auto& [start, expected] : forms) {
+        EXPECT_EQ(waitFor(start).identifiers(), expected);
+    }
 }
 
 TEST_F(QueryTest, BothRulesMustHold) {
@@ -155,19 +140,15 @@ TEST(QueryErrors, EmptyAnswerIsAnEmptyArrayAndANilCompletionIsAllowed) {
 }
 
 TEST(ProcessMode, OnlyTheSampleBufferStringInTheNSExtensionDictionaryGivesOne) {
-    auto make = [](const QVariantMap& info) {
-        return NSExtension("id", {}, info, nullptr, nullptr);
-    };
-    const QVariantMap sample{{"LMBroadcastProcessMode", "LMBroadcastProcessModeSampleBuffer"}};
-    EXPECT_EQ(LMExtensions::processMode(make({{"NSExtension", sample}})), 1);
-    EXPECT_EQ(LMExtensions::processMode(
-                  make({{"NSExtension", QVariantMap{{"LMBroadcastProcessMode", "Other"}}}})),
-              0);
-    EXPECT_EQ(LMExtensions::processMode(make({{"NSExtension", QVariantMap{}}})), 0);
-    EXPECT_EQ(LMExtensions::processMode(make({})), 0);
-    EXPECT_EQ(
-        LMExtensions::processMode(make({{"NSExtension", "LMBroadcastProcessModeSampleBuffer"}})),
-        0);
+    const QString sample = "LMBroadcastProcessModeSampleBuffer";
+    for (const auto& [info, mode] : std::vector<std::pair<QVariantMap, int64_t>>{
+             {{{"NSExtension", QVariantMap{{"LMBroadcastProcessMode", sample}}}}, 1},
+             {{{"NSExtension", QVariantMap{{"LMBroadcastProcessMode", "Other"}}}}, 0},
+             {{{"NSExtension", QVariantMap{}}}, 0},
+             {{}, 0},
+             {{{"NSExtension", sample}}, 0}}) {
+        EXPECT_EQ(LMExtensions::processMode(NSExtension("id", {}, info, nullptr, nullptr)), mode);
+    }
 }
 
 TEST(BoolValue, ReadsRuleValuesAsDeclarationsMeanThem) {

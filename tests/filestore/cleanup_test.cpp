@@ -159,13 +159,16 @@ TEST_F(AgeWalk, AMissingOrNonDirectoryWorkingDirectoryIsReportedOnce) {
 // process would in the middle of the walk.
 class VanishingSecondEntry : public NSFileManager {
 public:
-    QVariantMap attributesOfItemAtPath(const QString& path, NSErrorPtr* error) override {
+    bool attributesOfItemInDirectory(const NSDirectory& directory, const std::string& name,
+                                     NSFileItemAttributes* attributes, NSErrorPtr* error) override {
         if (++calls_ == 2) {
-            ::unlink(QFile::encodeName(path).constData());
+            vanished_ = directory.pathOfEntry(name).toStdString();
+            ::unlinkat(directory.fd(), name.c_str(), 0);
         }
-        return NSFileManager::attributesOfItemAtPath(path, error);
+        return NSFileManager::attributesOfItemInDirectory(directory, name, attributes, error);
     }
     int calls_ = 0;
+    std::string vanished_;
 };
 
 TEST_F(AgeWalk, AnErrorStaysForTheRestOfTheWalkAndStopsTheCount) {
@@ -173,33 +176,33 @@ TEST_F(AgeWalk, AnErrorStaysForTheRestOfTheWalkAndStopsTheCount) {
         writeEntry(QString::fromLatin1(name), 100);
     }
     VanishingSecondEntry receiver;
-    // Only the first entry counts, though the later ones are removed too.
     EXPECT_EQ(_srDeleteAllTempFiles(receiver), 100);
     EXPECT_TRUE(QDir(workDir_).isEmpty());
-
     // The vanished entry's attributes fail (260), then its removal (4); that error is then
-    // reported again after every later step.
+    // reported again after every later step, and only the first entry counts.
+    const std::string vanished = receiver.vanished_;
+    const std::string removal =
+        "error = Error Domain=NSPlatformErrorDomain Code=4 \"The file \u201c" +
+        vanished.substr(vanished.rfind('/') + 1) + "\u201d couldn't be removed: ";
     std::vector<std::string> expected = {"_srDeleteFilesOlderThanTimeToLiveInSeconds: 0",
                                          "deleting old file",
                                          kWalkError + "260",
-                                         "error = ",
+                                         "error = Error Domain=NSPlatformErrorDomain Code=260 ",
                                          "deleting old file",
                                          kWalkError + "4",
-                                         "error = "};
+                                         removal};
     for (int later = 0; later < 2; ++later) {
-        for (const std::string& line :
-             {kWalkError + "4", std::string("error = "), std::string("deleting old file"),
-              kWalkError + "4", std::string("error = ")}) {
+        for (const std::string& line : {kWalkError + "4", removal, std::string("deleting old file"),
+                                        kWalkError + "4", removal}) {
             expected.push_back(line);
         }
     }
     const auto texts = log_.texts();
     ASSERT_EQ(texts.size(), expected.size());
     for (size_t i = 0; i < texts.size(); ++i) {
-        EXPECT_EQ(texts[i].substr(0, expected[i] == "error = " ? 8 : std::string::npos),
-                  expected[i])
-            << i;
+        EXPECT_EQ(texts[i].substr(0, expected[i].size()), expected[i]) << i;
     }
+    EXPECT_NE(texts[3].find("NSFilePath=" + vanished), std::string::npos);
 }
 
 }  // namespace
