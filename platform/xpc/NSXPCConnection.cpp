@@ -1,6 +1,7 @@
 #include "platform/xpc/NSXPCConnection.h"
 
 #include <QCoreApplication>
+#include <QDBusPendingCallWatcher>
 #include <QDBusServer>
 #include <QDBusServiceWatcher>
 #include <QDir>
@@ -10,6 +11,9 @@
 #include <QPointer>
 #include <cctype>
 #include <climits>
+#include <condition_variable>
+#include <deque>
+#include <thread>
 #include <cstdlib>
 #include <cstring>
 #include <map>
@@ -157,15 +161,16 @@ bool CallReceiver::finish() {
         return false;
     }
     done_ = true;
-    release();
+    deleteLater();  // on this thread, which is the receiver's own
     return true;
 }
 
-void CallReceiver::release() {
-    if (holds_.fetch_sub(1, std::memory_order_acq_rel) == 1) {
-        handOver(this);  // deleted on its own thread, perhaps after this one's last use
-        deleteLater();
-    }
+void CallReceiver::watch(const QDBusPendingCall& call, QThread* thread) {
+    auto* watcher = new QDBusPendingCallWatcher(call, this);
+    QObject::connect(watcher, &QDBusPendingCallWatcher::finished, this,
+                     [this](QDBusPendingCallWatcher* finished) { onFinished(finished->reply()); });
+    moveToThread(thread);  // the watcher, its child, moves with it
+    handOver(this);
 }
 
 void CallReceiver::fail(int64_t code, const QString& why) {
@@ -174,14 +179,22 @@ void CallReceiver::fail(int64_t code, const QString& why) {
     }
 }
 
-void CallReceiver::onReply(const QDBusMessage& reply) {
+void CallReceiver::onFinished(const QDBusMessage& answer) {
+    takeOver(this);
+    if (answer.type() != QDBusMessage::ReplyMessage) {
+        const QDBusError error(answer);
+        if (finish() && errorHandler_) {
+            errorHandler_(connectionError(codeForBusError(error), error.message()));
+        }
+        return;
+    }
     if (!finish() || !method_->hasReply) {
         return;  // a method without a reply block: its empty return only confirms delivery
     }
-    auto params = fromWireList(reply.arguments(), method_->replyArguments);
+    auto params = fromWireList(answer.arguments(), method_->replyArguments);
     if (!params) {
         os_log_error(OS_LOG_DEFAULT, "NSXPCConnection: reply to %s does not match its block (%s)",
-                     std::string(method_->selector), reply.signature());
+                     std::string(method_->selector), answer.signature());
         if (errorHandler_) {
             errorHandler_(connectionError(NSXPCConnectionReplyInvalid,
                                           QStringLiteral("reply does not match its block")));
@@ -195,12 +208,6 @@ void CallReceiver::onReply(const QDBusMessage& reply) {
         connection->deliver(invocation, true);
     } else {
         invocation.invoke();
-    }
-}
-
-void CallReceiver::onError(const QDBusError& error, const QDBusMessage&) {
-    if (finish() && errorHandler_) {
-        errorHandler_(connectionError(codeForBusError(error), error.message()));
     }
 }
 
@@ -272,28 +279,86 @@ std::shared_ptr<NSXPCConnection> NSXPCConnection::initWithListenerEndpoint(
     return c;
 }
 
+namespace platform::xpc {
+
+// Joins and deletes the threads of connections that were destroyed on their own queue, where a
+// thread cannot wait for itself. Joined at process exit.
+class ThreadReaper {
+public:
+    static ThreadReaper& instance() {
+        static ThreadReaper reaper;
+        return reaper;
+    }
+    void add(QThread* thread) {
+        {
+            std::lock_guard lock(mutex_);
+            threads_.push_back(thread);
+        }
+        wake_.notify_one();
+    }
+    ~ThreadReaper() {
+        {
+            std::lock_guard lock(mutex_);
+            stopping_ = true;
+        }
+        wake_.notify_one();
+        worker_.join();
+    }
+
+private:
+    ThreadReaper() : worker_([this] { run(); }) {}
+    void run() {
+        std::unique_lock lock(mutex_);
+        for (;;) {
+            wake_.wait(lock, [this] { return stopping_ || !threads_.empty(); });
+            if (threads_.empty()) {
+                return;  // stopping, and every thread handed over is joined
+            }
+            QThread* thread = threads_.front();
+            threads_.pop_front();
+            lock.unlock();
+            thread->wait();
+            delete thread;
+            lock.lock();
+        }
+    }
+    std::mutex mutex_;
+    std::condition_variable wake_;
+    std::deque<QThread*> threads_;
+    bool stopping_ = false;
+    std::thread worker_;
+};
+
+}  // namespace platform::xpc
+
 NSXPCConnection::~NSXPCConnection() {
     invalidate();
     ConnectionThread* thread = d_->thread;
     thread->owner = nullptr;
-    thread->quit();
-    if (QThread::currentThread() != thread) {
-        thread->wait();
-        // Calls still in flight have nobody left to tell: their receivers go with the queue.
+    // The queue's last block: whatever QtDBus may still post to (receivers of calls nobody is
+    // left to answer for) goes on its own thread, before the thread ends.
+    auto last = [pending = d_->pending, context = thread->context] {
         std::vector<CallReceiver*> left;
         {
-            std::lock_guard lock(d_->pending->mutex);
-            left.assign(d_->pending->live.begin(), d_->pending->live.end());
+            std::lock_guard lock(pending->mutex);
+            left.assign(pending->live.begin(), pending->live.end());
         }
         for (CallReceiver* receiver : left) {
-            delete receiver;
+            if (receiver->thread() == QThread::currentThread()) {
+                receiver->deleteLater();  // deferred deletes still run as the thread ends
+            }
         }
-        delete d_->adaptor;
-        delete thread->context;
-        delete thread;
+        context->deleteLater();
+        QThread::currentThread()->quit();
+    };
+    if (QThread::currentThread() == thread) {
+        last();  // destroyed from a block on its own queue: the reaper joins the thread
+        platform::xpc::ThreadReaper::instance().add(thread);
+        return;
     }
-    // Destroyed on its own queue (the last reference went there): the thread finishes by itself
-    // and its few objects are left to the process.
+    dispatchOnQueue(last);
+    thread->wait();
+    delete thread;
 }
 
 const QString& NSXPCConnection::serviceName() const {
@@ -390,7 +455,11 @@ void NSXPCConnection::invalidate() {
     });
     if (d_->bus && d_->ownsBus) {
         if (d_->adaptor != nullptr && d_->exportedInterface) {
+            // Once unregistered QtDBus posts it nothing more; what it posted already is handled
+            // (and refused) on its thread before it goes there.
             d_->bus->unregisterObject(d_->exportedInterface->objectPath());
+            d_->adaptor->deleteLater();
+            d_->adaptor = nullptr;
         }
         if (d_->kind == Private::Kind::Peer || d_->kind == Private::Kind::AcceptedPeer) {
             QDBusConnection::disconnectFromPeer(d_->busName);
@@ -479,13 +548,7 @@ void NSXPCConnection::send(std::string_view selector, const QVariantList& argume
     message.setArguments(*wire);
     auto* receiver =
         new CallReceiver(weak_from_this(), method, std::move(reply), errorHandler, d_->pending);
-    receiver->moveToThread(d_->thread);
-    platform::xpc::handOver(receiver);
-    if (!bus->callWithCallback(message, receiver, SLOT(onReply(QDBusMessage)),
-                               SLOT(onError(QDBusError, QDBusMessage)), kNoTimeout)) {
-        QMetaObject::invokeMethod(receiver, "refused", Qt::QueuedConnection);
-    }
-    receiver->release();  // QtDBus is done with it here; the answer may already have come
+    receiver->watch(bus->asyncCall(message, kNoTimeout), d_->thread);
 }
 
 void NSXPCConnection::deliver(NSInvocation& invocation, bool isReply) {
@@ -634,13 +697,21 @@ std::unique_ptr<NSXPCListener> NSXPCListener::anonymousListener() {
 
 NSXPCListener::~NSXPCListener() {
     invalidate();
-    d_->thread.quit();
-    d_->thread.wait();
-    d_->peers.clear();
-    delete d_->server;
-    delete d_->watcher;
-    delete d_->adaptor;
-    delete d_->context;
+    // What QtDBus's thread posts to goes on the listener's thread, which is then joined.
+    auto last = [this] {
+        d_->peers.clear();
+        delete d_->adaptor;
+        d_->adaptor = nullptr;
+        d_->context->deleteLater();
+        QThread::currentThread()->quit();
+    };
+    if (d_->thread.isRunning()) {
+        d_->context->post(last);
+        d_->thread.wait();
+    } else {
+        last();
+        delete d_->context;
+    }
     if (!d_->socketFolder.isEmpty()) {
         QDir(d_->socketFolder).removeRecursively();
     }
@@ -770,10 +841,10 @@ void NSXPCListener::invalidate() {
         std::swap(server, d_->server);
         std::swap(bus, d_->bus);
     }
-    // Stop listening and end every peer's connection, on the thread that owns them. Nothing may
-    // keep a copy of the link afterwards (the watcher holds one), or it would stay open and the
-    // peers' calls in flight would wait for ever.
-    auto stop = [this, server] {
+    // Stop listening and end every peer's connection, on the thread that owns them, the thread
+    // QtDBus posts the listener's messages to. Nothing may keep a copy of the link afterwards (the
+    // watcher holds one), or it would stay open and the peers' calls in flight would wait for ever.
+    auto stop = [this, server, bus = std::move(bus)]() mutable {
         delete server;
         delete d_->watcher;
         d_->watcher = nullptr;
@@ -781,24 +852,25 @@ void NSXPCListener::invalidate() {
             entry.second->invalidate();
         }
         d_->peers.clear();
+        if (bus) {
+            bus->unregisterService(d_->name);
+            bus->unregisterObject(QStringLiteral("/"), QDBusConnection::UnregisterTree);
+            bus.reset();
+            QDBusConnection::disconnectFromBus(d_->busName);
+        }
     };
     if (QThread::currentThread() == &d_->thread || !d_->thread.isRunning()) {
         stop();
-    } else {
-        // Waits by polling an atomic flag: rare, short, and plain to the thread sanitizer.
-        auto done = std::make_shared<std::atomic<bool>>(false);
-        d_->context->post([stop, done] {
-            stop();
-            done->store(true, std::memory_order_release);
-        });
-        while (!done->load(std::memory_order_acquire)) {
-            QThread::usleep(200);
-        }
+        return;
     }
-    if (bus) {
-        bus->unregisterService(d_->name);
-        bus->unregisterObject(QStringLiteral("/"), QDBusConnection::UnregisterTree);
-        QDBusConnection::disconnectFromBus(d_->busName);
+    // Waits by polling an atomic flag: rare, short, and plain to the thread sanitizer.
+    auto done = std::make_shared<std::atomic<bool>>(false);
+    d_->context->post([stop = std::move(stop), done]() mutable {
+        stop();
+        done->store(true, std::memory_order_release);
+    });
+    while (!done->load(std::memory_order_acquire)) {
+        QThread::usleep(200);
     }
 }
 

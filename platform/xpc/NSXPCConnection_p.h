@@ -4,6 +4,7 @@
 #include <QDBusConnection>
 #include <QDBusError>
 #include <QDBusMessage>
+#include <QDBusPendingCall>
 #include <QDBusServer>
 #include <QDBusVirtualObject>
 #include <QObject>
@@ -78,37 +79,32 @@ struct PendingCalls {
 };
 
 // Receives the outcome of one call, on the connection's queue. Exactly one of the reply, the
-// error or a local failure is acted on; the object then deletes itself.
+// error or a local failure is acted on; the object then deletes itself, on its own thread.
+// QtDBus never holds a pointer to it: the answer comes through a pending-call watcher, its child,
+// whose queued signal connection Qt cuts safely when the receiver goes, whatever thread answers.
 class CallReceiver final : public QObject {
-    Q_OBJECT
 public:
     CallReceiver(std::weak_ptr<NSXPCConnection> connection, const NSXPCMethodDescription* method,
                  NSXPCBlock reply, NSXPCErrorHandler errorHandler,
                  std::shared_ptr<PendingCalls> pending);
     ~CallReceiver() override;
 
+    // Watches `call`; from here on the receiver belongs to `thread`.
+    void watch(const QDBusPendingCall& call, QThread* thread);
     void fail(int64_t code, const QString& why);
-    // The receiver goes once both its sender has finished handing the call to QtDBus (which
-    // still uses it after the message is out) and the call has ended.
-    void release();
     bool event(QEvent* event) override {
         takeOver(this);
         return QObject::event(event);
     }
 
-public Q_SLOTS:
-    void refused() { fail(NSXPCConnectionInvalid, QStringLiteral("the bus refused the call")); }
-    void onReply(const QDBusMessage& reply);
-    void onError(const QDBusError& error, const QDBusMessage& message);
-
 private:
+    void onFinished(const QDBusMessage& answer);
     bool finish();
     std::weak_ptr<NSXPCConnection> connection_;
     const NSXPCMethodDescription* method_;
     NSXPCBlock reply_;
     NSXPCErrorHandler errorHandler_;
     std::shared_ptr<PendingCalls> pending_;
-    std::atomic<int> holds_{2};
     bool done_ = false;
 };
 
