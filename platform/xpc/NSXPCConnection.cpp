@@ -95,6 +95,10 @@ struct NSXPCConnection::Private {
 
     ConnectionThread* thread = nullptr;
     ExportedObjectAdaptor* adaptor = nullptr;
+    // A link to a listener's endpoint: calls wait until the listener has let the link in.
+    bool linkLetIn = true;
+    QPointer<QObject> linkCheck;  // the ping that finds out, on the connection's queue
+    std::vector<std::pair<QDBusMessage, QPointer<CallReceiver>>> held;
     std::shared_ptr<platform::xpc::PendingCalls> pending =
         std::make_shared<platform::xpc::PendingCalls>();
 };
@@ -165,11 +169,14 @@ bool CallReceiver::finish() {
     return true;
 }
 
-void CallReceiver::watch(const QDBusPendingCall& call, QThread* thread) {
+void CallReceiver::watch(const QDBusPendingCall& call) {
     auto* watcher = new QDBusPendingCallWatcher(call, this);
     QObject::connect(watcher, &QDBusPendingCallWatcher::finished, this,
                      [this](QDBusPendingCallWatcher* finished) { onFinished(finished->reply()); });
-    moveToThread(thread);  // the watcher, its child, moves with it
+}
+
+void CallReceiver::handTo(QThread* thread) {
+    moveToThread(thread);  // its watcher, a child, moves with it
     handOver(this);
 }
 
@@ -337,7 +344,10 @@ NSXPCConnection::~NSXPCConnection() {
     thread->owner = nullptr;
     // The queue's last block: whatever QtDBus may still post to (receivers of calls nobody is
     // left to answer for) goes on its own thread, before the thread ends.
-    auto last = [pending = d_->pending, context = thread->context] {
+    auto last = [pending = d_->pending, context = thread->context, check = d_->linkCheck] {
+        if (check) {
+            check->deleteLater();
+        }
         std::vector<CallReceiver*> left;
         {
             std::lock_guard lock(pending->mutex);
@@ -422,6 +432,9 @@ void NSXPCConnection::resume() {
             os_log_error(OS_LOG_DEFAULT, "NSXPCConnection: cannot connect to %s: %s",
                          d_->kind == Private::Kind::MachService ? d_->serviceName : d_->peerAddress,
                          d_->bus->lastError().message());
+        } else if (d_->kind == Private::Kind::Peer) {
+            d_->linkLetIn = false;
+            checkLinkLetIn();
         }
     }
     if (d_->exportedInterface && d_->exportedObject && d_->bus && d_->bus->isConnected()) {
@@ -548,7 +561,59 @@ void NSXPCConnection::send(std::string_view selector, const QVariantList& argume
     message.setArguments(*wire);
     auto* receiver =
         new CallReceiver(weak_from_this(), method, std::move(reply), errorHandler, d_->pending);
-    receiver->watch(bus->asyncCall(message, kNoTimeout), d_->thread);
+    std::lock_guard lock(d_->mutex);  // held calls go out first, and in order
+    if (!d_->linkLetIn) {
+        receiver->handTo(d_->thread);
+        d_->held.emplace_back(message, receiver);
+        return;
+    }
+    receiver->watch(bus->asyncCall(message, kNoTimeout));
+    receiver->handTo(d_->thread);
+}
+
+// A listener's side suspends a new peer link until it has accepted it, then lets in what came
+// meanwhile, but QtDBus may deliver later messages before those. So a link to a listener's
+// endpoint first asks the listener's side something QtDBus itself answers once the link is let
+// in and everything before it is delivered (libdbus answers a Ping at once, so not that); calls
+// made until then are held, and then sent in order.
+void NSXPCConnection::checkLinkLetIn() {
+    QDBusMessage ping = QDBusMessage::createMethodCall(
+        QString(), QStringLiteral("/"), QStringLiteral("org.freedesktop.DBus.Introspectable"),
+        QStringLiteral("Introspect"));
+    auto* watcher = new QDBusPendingCallWatcher(d_->bus->asyncCall(ping, kNoTimeout));
+    d_->linkCheck = watcher;
+    std::weak_ptr<NSXPCConnection> weak = weak_from_this();
+    QObject::connect(watcher, &QDBusPendingCallWatcher::finished, watcher,
+                     [weak, watcher](QDBusPendingCallWatcher*) {
+                         platform::xpc::takeOver(watcher);
+                         watcher->deleteLater();
+                         if (auto self = weak.lock()) {
+                             self->sendHeld();
+                         }
+                     });
+    watcher->moveToThread(d_->thread);
+    platform::xpc::handOver(watcher);
+}
+
+void NSXPCConnection::sendHeld() {
+    std::vector<QPointer<CallReceiver>> unsent;
+    {
+        std::lock_guard lock(d_->mutex);  // sends made meanwhile wait, and go after these
+        d_->linkLetIn = true;
+        for (auto& [message, receiver] : d_->held) {
+            if (receiver && d_->bus) {
+                receiver->watch(d_->bus->asyncCall(message, kNoTimeout));
+            } else {
+                unsent.push_back(receiver);
+            }
+        }
+        d_->held.clear();
+    }
+    for (const auto& receiver : unsent) {
+        if (receiver) {  // otherwise failed by invalidate() already, and gone
+            receiver->fail(NSXPCConnectionInvalid, QStringLiteral("connection invalidated"));
+        }
+    }
 }
 
 void NSXPCConnection::deliver(NSInvocation& invocation, bool isReply) {

@@ -89,8 +89,10 @@ public:
                  std::shared_ptr<PendingCalls> pending);
     ~CallReceiver() override;
 
-    // Watches `call`; from here on the receiver belongs to `thread`.
-    void watch(const QDBusPendingCall& call, QThread* thread);
+    // Watches `call`; called on the thread the receiver lives on.
+    void watch(const QDBusPendingCall& call);
+    // From here on the receiver belongs to `thread`.
+    void handTo(QThread* thread);
     void fail(int64_t code, const QString& why);
     bool event(QEvent* event) override {
         takeOver(this);
