@@ -151,12 +151,12 @@ CallReceiver::CallReceiver(std::weak_ptr<NSXPCConnection> connection,
       reply_(std::move(reply)),
       errorHandler_(std::move(errorHandler)),
       pending_(std::move(pending)) {
-    std::lock_guard lock(pending_->mutex);
+    PendingCalls::Lock lock(*pending_);
     pending_->live.insert(this);
 }
 
 CallReceiver::~CallReceiver() {
-    std::lock_guard lock(pending_->mutex);
+    PendingCalls::Lock lock(*pending_);
     pending_->live.erase(this);
 }
 
@@ -165,19 +165,25 @@ bool CallReceiver::finish() {
         return false;
     }
     done_ = true;
+    handOver(this);
     deleteLater();  // on this thread, which is the receiver's own
     return true;
 }
 
 void CallReceiver::watch(const QDBusPendingCall& call) {
-    auto* watcher = new QDBusPendingCallWatcher(call, this);
-    QObject::connect(watcher, &QDBusPendingCallWatcher::finished, this,
+    takeOver(this);
+    watcher_ = new ReplyWatcher(call, this);
+    QObject::connect(watcher_, &QDBusPendingCallWatcher::finished, this,
                      [this](QDBusPendingCallWatcher* finished) { onFinished(finished->reply()); });
 }
 
 void CallReceiver::handTo(QThread* thread) {
-    moveToThread(thread);  // its watcher, a child, moves with it
+    // Marked before the move: the answer may be waiting already, and run there at once.
     handOver(this);
+    if (watcher_ != nullptr) {
+        handOver(watcher_);
+    }
+    moveToThread(thread);  // its watcher, a child, moves with it
 }
 
 void CallReceiver::fail(int64_t code, const QString& why) {
@@ -350,11 +356,12 @@ NSXPCConnection::~NSXPCConnection() {
         }
         std::vector<CallReceiver*> left;
         {
-            std::lock_guard lock(pending->mutex);
+            platform::xpc::PendingCalls::Lock lock(*pending);
             left.assign(pending->live.begin(), pending->live.end());
         }
         for (CallReceiver* receiver : left) {
             if (receiver->thread() == QThread::currentThread()) {
+                platform::xpc::handOver(receiver);
                 receiver->deleteLater();  // deferred deletes still run as the thread ends
             }
         }
@@ -456,7 +463,7 @@ void NSXPCConnection::invalidate() {
     dispatchOnQueue([pending = d_->pending] {
         std::vector<QPointer<CallReceiver>> inFlight;
         {
-            std::lock_guard pendingLock(pending->mutex);
+            platform::xpc::PendingCalls::Lock pendingLock(*pending);
             inFlight.assign(pending->live.begin(), pending->live.end());
         }
         for (const auto& receiver : inFlight) {
@@ -565,6 +572,7 @@ void NSXPCConnection::send(std::string_view selector, const QVariantList& argume
     if (!d_->linkLetIn) {
         receiver->handTo(d_->thread);
         d_->held.emplace_back(message, receiver);
+        platform::xpc::handOver(&d_->held);  // read on the queue (see PendingCalls::Lock)
         return;
     }
     receiver->watch(bus->asyncCall(message, kNoTimeout));
@@ -580,25 +588,25 @@ void NSXPCConnection::checkLinkLetIn() {
     QDBusMessage ping = QDBusMessage::createMethodCall(
         QString(), QStringLiteral("/"), QStringLiteral("org.freedesktop.DBus.Introspectable"),
         QStringLiteral("Introspect"));
-    auto* watcher = new QDBusPendingCallWatcher(d_->bus->asyncCall(ping, kNoTimeout));
+    auto* watcher = new platform::xpc::ReplyWatcher(d_->bus->asyncCall(ping, kNoTimeout));
     d_->linkCheck = watcher;
     std::weak_ptr<NSXPCConnection> weak = weak_from_this();
     QObject::connect(watcher, &QDBusPendingCallWatcher::finished, watcher,
                      [weak, watcher](QDBusPendingCallWatcher*) {
-                         platform::xpc::takeOver(watcher);
                          watcher->deleteLater();
                          if (auto self = weak.lock()) {
                              self->sendHeld();
                          }
                      });
-    watcher->moveToThread(d_->thread);
     platform::xpc::handOver(watcher);
+    watcher->moveToThread(d_->thread);
 }
 
 void NSXPCConnection::sendHeld() {
     std::vector<QPointer<CallReceiver>> unsent;
     {
         std::lock_guard lock(d_->mutex);  // sends made meanwhile wait, and go after these
+        platform::xpc::takeOver(&d_->held);
         d_->linkLetIn = true;
         for (auto& [message, receiver] : d_->held) {
             if (receiver && d_->bus) {

@@ -5,6 +5,7 @@
 #include <QDBusError>
 #include <QDBusMessage>
 #include <QDBusPendingCall>
+#include <QDBusPendingCallWatcher>
 #include <QDBusServer>
 #include <QDBusVirtualObject>
 #include <QObject>
@@ -71,9 +72,35 @@ public:
 
 class CallReceiver;
 
+// A pending call's watcher whose answer arrives on the thread it was handed to: its event() takes
+// it over before Qt runs the functors connected to it.
+class ReplyWatcher final : public QDBusPendingCallWatcher {
+public:
+    using QDBusPendingCallWatcher::QDBusPendingCallWatcher;
+    bool event(QEvent* event) override {
+        takeOver(this);
+        return QDBusPendingCallWatcher::event(event);
+    }
+};
+
 // The receivers of a connection's calls that still exist: those in flight are failed when the
 // connection is invalidated, and any left when its queue has stopped are deleted with it.
 struct PendingCalls {
+    // Holds the lock, marked to the thread sanitizer as well: Qt frees memory out of its sight,
+    // and a lock placed where such memory was can look already destroyed to it, its pairs lost.
+    class Lock {
+    public:
+        explicit Lock(PendingCalls& calls) : calls_(calls), lock_(calls.mutex) {
+            takeOver(&calls_.live);
+        }
+        ~Lock() { handOver(&calls_.live); }
+        Lock(const Lock&) = delete;
+        Lock& operator=(const Lock&) = delete;
+
+    private:
+        PendingCalls& calls_;
+        std::lock_guard<std::mutex> lock_;
+    };
     std::mutex mutex;
     std::unordered_set<CallReceiver*> live;
 };
@@ -108,6 +135,7 @@ private:
     NSXPCErrorHandler errorHandler_;
     std::shared_ptr<PendingCalls> pending_;
     bool done_ = false;
+    ReplyWatcher* watcher_ = nullptr;
 };
 
 // The exported object as D-Bus sees it on a connection of its own.
