@@ -140,7 +140,11 @@ ConnectionThread::ConnectionThread(NSXPCConnection* o, const QString& label) : o
 void ConnectionThread::run() {
     tCurrentThread = this;
     exec();
+    // What the queue deletes last goes now, and whoever joins the thread takes over after it
+    // (Qt's join is out of the thread sanitizer's sight).
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
     tCurrentThread = nullptr;
+    handOver(this);
 }
 
 CallReceiver::CallReceiver(std::weak_ptr<NSXPCConnection> connection,
@@ -375,6 +379,7 @@ NSXPCConnection::~NSXPCConnection() {
     }
     dispatchOnQueue(last);
     thread->wait();
+    platform::xpc::takeOver(thread);
     delete thread;
 }
 

@@ -79,7 +79,8 @@ TEST(DaemonConcurrentTest, DaemonKilledWithAThousandRequestsInFlight) {
         return capture.count("error: 4097") + capture.count("error: 4099");
     };
     ASSERT_TRUE(runMainLoopUntil(
-        [&] { return size_t(blockTotal.load()) + errorLines() >= size_t(kRequests); }, 60000));
+        [&] { return size_t(blockTotal.load()) + errorLines() >= size_t(kRequests); }, 60000))
+        << blockTotal.load() << " blocks, " << errorLines() << " error lines";
     EXPECT_EQ(size_t(blockTotal.load()) + errorLines(), size_t(kRequests));
     for (int i = 0; i < kRequests; ++i) {
         EXPECT_LE(blocks[size_t(i)].load(), 1) << i;
