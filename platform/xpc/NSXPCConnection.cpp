@@ -1,6 +1,7 @@
 #include "platform/xpc/NSXPCConnection.h"
 
 #include <QCoreApplication>
+#include <QDBusPendingCallWatcher>
 #include <QDBusServer>
 #include <QDBusServiceWatcher>
 #include <QDir>
@@ -10,6 +11,9 @@
 #include <QPointer>
 #include <cctype>
 #include <climits>
+#include <condition_variable>
+#include <deque>
+#include <thread>
 #include <cstdlib>
 #include <cstring>
 #include <map>
@@ -91,6 +95,10 @@ struct NSXPCConnection::Private {
 
     ConnectionThread* thread = nullptr;
     ExportedObjectAdaptor* adaptor = nullptr;
+    // A link to a listener's endpoint: calls wait until the listener has let the link in.
+    bool linkLetIn = true;
+    QPointer<QObject> linkCheck;  // the ping that finds out, on the connection's queue
+    std::vector<std::pair<QDBusMessage, QPointer<CallReceiver>>> held;
     std::shared_ptr<platform::xpc::PendingCalls> pending =
         std::make_shared<platform::xpc::PendingCalls>();
 };
@@ -132,7 +140,11 @@ ConnectionThread::ConnectionThread(NSXPCConnection* o, const QString& label) : o
 void ConnectionThread::run() {
     tCurrentThread = this;
     exec();
+    // What the queue deletes last goes now, and whoever joins the thread takes over after it
+    // (Qt's join is out of the thread sanitizer's sight).
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
     tCurrentThread = nullptr;
+    handOver(this);
 }
 
 CallReceiver::CallReceiver(std::weak_ptr<NSXPCConnection> connection,
@@ -143,12 +155,12 @@ CallReceiver::CallReceiver(std::weak_ptr<NSXPCConnection> connection,
       reply_(std::move(reply)),
       errorHandler_(std::move(errorHandler)),
       pending_(std::move(pending)) {
-    std::lock_guard lock(pending_->mutex);
+    PendingCalls::Lock lock(*pending_);
     pending_->live.insert(this);
 }
 
 CallReceiver::~CallReceiver() {
-    std::lock_guard lock(pending_->mutex);
+    PendingCalls::Lock lock(*pending_);
     pending_->live.erase(this);
 }
 
@@ -157,15 +169,25 @@ bool CallReceiver::finish() {
         return false;
     }
     done_ = true;
-    release();
+    handOver(this);
+    deleteLater();  // on this thread, which is the receiver's own
     return true;
 }
 
-void CallReceiver::release() {
-    if (holds_.fetch_sub(1, std::memory_order_acq_rel) == 1) {
-        handOver(this);  // deleted on its own thread, perhaps after this one's last use
-        deleteLater();
+void CallReceiver::watch(const QDBusPendingCall& call) {
+    takeOver(this);
+    watcher_ = new ReplyWatcher(call, this);
+    QObject::connect(watcher_, &QDBusPendingCallWatcher::finished, this,
+                     [this](QDBusPendingCallWatcher* finished) { onFinished(finished->reply()); });
+}
+
+void CallReceiver::handTo(QThread* thread) {
+    // Marked before the move: the answer may be waiting already, and run there at once.
+    handOver(this);
+    if (watcher_ != nullptr) {
+        handOver(watcher_);
     }
+    moveToThread(thread);  // its watcher, a child, moves with it
 }
 
 void CallReceiver::fail(int64_t code, const QString& why) {
@@ -174,14 +196,22 @@ void CallReceiver::fail(int64_t code, const QString& why) {
     }
 }
 
-void CallReceiver::onReply(const QDBusMessage& reply) {
+void CallReceiver::onFinished(const QDBusMessage& answer) {
+    takeOver(this);
+    if (answer.type() != QDBusMessage::ReplyMessage) {
+        const QDBusError error(answer);
+        if (finish() && errorHandler_) {
+            errorHandler_(connectionError(codeForBusError(error), error.message()));
+        }
+        return;
+    }
     if (!finish() || !method_->hasReply) {
         return;  // a method without a reply block: its empty return only confirms delivery
     }
-    auto params = fromWireList(reply.arguments(), method_->replyArguments);
+    auto params = fromWireList(answer.arguments(), method_->replyArguments);
     if (!params) {
         os_log_error(OS_LOG_DEFAULT, "NSXPCConnection: reply to %s does not match its block (%s)",
-                     std::string(method_->selector), reply.signature());
+                     std::string(method_->selector), answer.signature());
         if (errorHandler_) {
             errorHandler_(connectionError(NSXPCConnectionReplyInvalid,
                                           QStringLiteral("reply does not match its block")));
@@ -195,12 +225,6 @@ void CallReceiver::onReply(const QDBusMessage& reply) {
         connection->deliver(invocation, true);
     } else {
         invocation.invoke();
-    }
-}
-
-void CallReceiver::onError(const QDBusError& error, const QDBusMessage&) {
-    if (finish() && errorHandler_) {
-        errorHandler_(connectionError(codeForBusError(error), error.message()));
     }
 }
 
@@ -272,28 +296,91 @@ std::shared_ptr<NSXPCConnection> NSXPCConnection::initWithListenerEndpoint(
     return c;
 }
 
+namespace platform::xpc {
+
+// Joins and deletes the threads of connections that were destroyed on their own queue, where a
+// thread cannot wait for itself. Joined at process exit.
+class ThreadReaper {
+public:
+    static ThreadReaper& instance() {
+        static ThreadReaper reaper;
+        return reaper;
+    }
+    void add(QThread* thread) {
+        {
+            std::lock_guard lock(mutex_);
+            threads_.push_back(thread);
+        }
+        wake_.notify_one();
+    }
+    ~ThreadReaper() {
+        {
+            std::lock_guard lock(mutex_);
+            stopping_ = true;
+        }
+        wake_.notify_one();
+        worker_.join();
+    }
+
+private:
+    ThreadReaper() : worker_([this] { run(); }) {}
+    void run() {
+        std::unique_lock lock(mutex_);
+        for (;;) {
+            wake_.wait(lock, [this] { return stopping_ || !threads_.empty(); });
+            if (threads_.empty()) {
+                return;  // stopping, and every thread handed over is joined
+            }
+            QThread* thread = threads_.front();
+            threads_.pop_front();
+            lock.unlock();
+            thread->wait();
+            delete thread;
+            lock.lock();
+        }
+    }
+    std::mutex mutex_;
+    std::condition_variable wake_;
+    std::deque<QThread*> threads_;
+    bool stopping_ = false;
+    std::thread worker_;
+};
+
+}  // namespace platform::xpc
+
 NSXPCConnection::~NSXPCConnection() {
     invalidate();
     ConnectionThread* thread = d_->thread;
     thread->owner = nullptr;
-    thread->quit();
-    if (QThread::currentThread() != thread) {
-        thread->wait();
-        // Calls still in flight have nobody left to tell: their receivers go with the queue.
+    // The queue's last block: whatever QtDBus may still post to (receivers of calls nobody is
+    // left to answer for) goes on its own thread, before the thread ends.
+    auto last = [pending = d_->pending, context = thread->context, check = d_->linkCheck] {
+        if (check) {
+            check->deleteLater();
+        }
         std::vector<CallReceiver*> left;
         {
-            std::lock_guard lock(d_->pending->mutex);
-            left.assign(d_->pending->live.begin(), d_->pending->live.end());
+            platform::xpc::PendingCalls::Lock lock(*pending);
+            left.assign(pending->live.begin(), pending->live.end());
         }
         for (CallReceiver* receiver : left) {
-            delete receiver;
+            if (receiver->thread() == QThread::currentThread()) {
+                platform::xpc::handOver(receiver);
+                receiver->deleteLater();  // deferred deletes still run as the thread ends
+            }
         }
-        delete d_->adaptor;
-        delete thread->context;
-        delete thread;
+        context->deleteLater();
+        QThread::currentThread()->quit();
+    };
+    if (QThread::currentThread() == thread) {
+        last();  // destroyed from a block on its own queue: the reaper joins the thread
+        platform::xpc::ThreadReaper::instance().add(thread);
+        return;
     }
-    // Destroyed on its own queue (the last reference went there): the thread finishes by itself
-    // and its few objects are left to the process.
+    dispatchOnQueue(last);
+    thread->wait();
+    platform::xpc::takeOver(thread);
+    delete thread;
 }
 
 const QString& NSXPCConnection::serviceName() const {
@@ -357,6 +444,9 @@ void NSXPCConnection::resume() {
             os_log_error(OS_LOG_DEFAULT, "NSXPCConnection: cannot connect to %s: %s",
                          d_->kind == Private::Kind::MachService ? d_->serviceName : d_->peerAddress,
                          d_->bus->lastError().message());
+        } else if (d_->kind == Private::Kind::Peer) {
+            d_->linkLetIn = false;
+            checkLinkLetIn();
         }
     }
     if (d_->exportedInterface && d_->exportedObject && d_->bus && d_->bus->isConnected()) {
@@ -378,7 +468,7 @@ void NSXPCConnection::invalidate() {
     dispatchOnQueue([pending = d_->pending] {
         std::vector<QPointer<CallReceiver>> inFlight;
         {
-            std::lock_guard pendingLock(pending->mutex);
+            platform::xpc::PendingCalls::Lock pendingLock(*pending);
             inFlight.assign(pending->live.begin(), pending->live.end());
         }
         for (const auto& receiver : inFlight) {
@@ -390,7 +480,11 @@ void NSXPCConnection::invalidate() {
     });
     if (d_->bus && d_->ownsBus) {
         if (d_->adaptor != nullptr && d_->exportedInterface) {
+            // Once unregistered QtDBus posts it nothing more; what it posted already is handled
+            // (and refused) on its thread before it goes there.
             d_->bus->unregisterObject(d_->exportedInterface->objectPath());
+            d_->adaptor->deleteLater();
+            d_->adaptor = nullptr;
         }
         if (d_->kind == Private::Kind::Peer || d_->kind == Private::Kind::AcceptedPeer) {
             QDBusConnection::disconnectFromPeer(d_->busName);
@@ -479,13 +573,60 @@ void NSXPCConnection::send(std::string_view selector, const QVariantList& argume
     message.setArguments(*wire);
     auto* receiver =
         new CallReceiver(weak_from_this(), method, std::move(reply), errorHandler, d_->pending);
-    receiver->moveToThread(d_->thread);
-    platform::xpc::handOver(receiver);
-    if (!bus->callWithCallback(message, receiver, SLOT(onReply(QDBusMessage)),
-                               SLOT(onError(QDBusError, QDBusMessage)), kNoTimeout)) {
-        QMetaObject::invokeMethod(receiver, "refused", Qt::QueuedConnection);
+    std::lock_guard lock(d_->mutex);  // held calls go out first, and in order
+    if (!d_->linkLetIn) {
+        receiver->handTo(d_->thread);
+        d_->held.emplace_back(message, receiver);
+        platform::xpc::handOver(&d_->held);  // read on the queue (see PendingCalls::Lock)
+        return;
     }
-    receiver->release();  // QtDBus is done with it here; the answer may already have come
+    receiver->watch(bus->asyncCall(message, kNoTimeout));
+    receiver->handTo(d_->thread);
+}
+
+// A listener's side suspends a new peer link until it has accepted it, then lets in what came
+// meanwhile, but QtDBus may deliver later messages before those. So a link to a listener's
+// endpoint first asks the listener's side something QtDBus itself answers once the link is let
+// in and everything before it is delivered (libdbus answers a Ping at once, so not that); calls
+// made until then are held, and then sent in order.
+void NSXPCConnection::checkLinkLetIn() {
+    QDBusMessage ping = QDBusMessage::createMethodCall(
+        QString(), QStringLiteral("/"), QStringLiteral("org.freedesktop.DBus.Introspectable"),
+        QStringLiteral("Introspect"));
+    auto* watcher = new platform::xpc::ReplyWatcher(d_->bus->asyncCall(ping, kNoTimeout));
+    d_->linkCheck = watcher;
+    std::weak_ptr<NSXPCConnection> weak = weak_from_this();
+    QObject::connect(watcher, &QDBusPendingCallWatcher::finished, watcher,
+                     [weak, watcher](QDBusPendingCallWatcher*) {
+                         watcher->deleteLater();
+                         if (auto self = weak.lock()) {
+                             self->sendHeld();
+                         }
+                     });
+    platform::xpc::handOver(watcher);
+    watcher->moveToThread(d_->thread);
+}
+
+void NSXPCConnection::sendHeld() {
+    std::vector<QPointer<CallReceiver>> unsent;
+    {
+        std::lock_guard lock(d_->mutex);  // sends made meanwhile wait, and go after these
+        platform::xpc::takeOver(&d_->held);
+        d_->linkLetIn = true;
+        for (auto& [message, receiver] : d_->held) {
+            if (receiver && d_->bus) {
+                receiver->watch(d_->bus->asyncCall(message, kNoTimeout));
+            } else {
+                unsent.push_back(receiver);
+            }
+        }
+        d_->held.clear();
+    }
+    for (const auto& receiver : unsent) {
+        if (receiver) {  // otherwise failed by invalidate() already, and gone
+            receiver->fail(NSXPCConnectionInvalid, QStringLiteral("connection invalidated"));
+        }
+    }
 }
 
 void NSXPCConnection::deliver(NSInvocation& invocation, bool isReply) {
@@ -634,13 +775,21 @@ std::unique_ptr<NSXPCListener> NSXPCListener::anonymousListener() {
 
 NSXPCListener::~NSXPCListener() {
     invalidate();
-    d_->thread.quit();
-    d_->thread.wait();
-    d_->peers.clear();
-    delete d_->server;
-    delete d_->watcher;
-    delete d_->adaptor;
-    delete d_->context;
+    // What QtDBus's thread posts to goes on the listener's thread, which is then joined.
+    auto last = [this] {
+        d_->peers.clear();
+        delete d_->adaptor;
+        d_->adaptor = nullptr;
+        d_->context->deleteLater();
+        QThread::currentThread()->quit();
+    };
+    if (d_->thread.isRunning()) {
+        d_->context->post(last);
+        d_->thread.wait();
+    } else {
+        last();
+        delete d_->context;
+    }
     if (!d_->socketFolder.isEmpty()) {
         QDir(d_->socketFolder).removeRecursively();
     }
@@ -770,10 +919,10 @@ void NSXPCListener::invalidate() {
         std::swap(server, d_->server);
         std::swap(bus, d_->bus);
     }
-    // Stop listening and end every peer's connection, on the thread that owns them. Nothing may
-    // keep a copy of the link afterwards (the watcher holds one), or it would stay open and the
-    // peers' calls in flight would wait for ever.
-    auto stop = [this, server] {
+    // Stop listening and end every peer's connection, on the thread that owns them, the thread
+    // QtDBus posts the listener's messages to. Nothing may keep a copy of the link afterwards (the
+    // watcher holds one), or it would stay open and the peers' calls in flight would wait for ever.
+    auto stop = [this, server, bus = std::move(bus)]() mutable {
         delete server;
         delete d_->watcher;
         d_->watcher = nullptr;
@@ -781,24 +930,25 @@ void NSXPCListener::invalidate() {
             entry.second->invalidate();
         }
         d_->peers.clear();
+        if (bus) {
+            bus->unregisterService(d_->name);
+            bus->unregisterObject(QStringLiteral("/"), QDBusConnection::UnregisterTree);
+            bus.reset();
+            QDBusConnection::disconnectFromBus(d_->busName);
+        }
     };
     if (QThread::currentThread() == &d_->thread || !d_->thread.isRunning()) {
         stop();
-    } else {
-        // Waits by polling an atomic flag: rare, short, and plain to the thread sanitizer.
-        auto done = std::make_shared<std::atomic<bool>>(false);
-        d_->context->post([stop, done] {
-            stop();
-            done->store(true, std::memory_order_release);
-        });
-        while (!done->load(std::memory_order_acquire)) {
-            QThread::usleep(200);
-        }
+        return;
     }
-    if (bus) {
-        bus->unregisterService(d_->name);
-        bus->unregisterObject(QStringLiteral("/"), QDBusConnection::UnregisterTree);
-        QDBusConnection::disconnectFromBus(d_->busName);
+    // Waits by polling an atomic flag: rare, short, and plain to the thread sanitizer.
+    auto done = std::make_shared<std::atomic<bool>>(false);
+    d_->context->post([stop = std::move(stop), done]() mutable {
+        stop();
+        done->store(true, std::memory_order_release);
+    });
+    while (!done->load(std::memory_order_acquire)) {
+        QThread::usleep(200);
     }
 }
 

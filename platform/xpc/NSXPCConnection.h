@@ -131,6 +131,8 @@ private:
     void fail(const NSXPCErrorHandler& handler, int64_t code, const QString& why);
     void deliver(NSInvocation& invocation, bool isReply);
     void handleIncoming(const QDBusMessage& message);
+    void checkLinkLetIn();
+    void sendHeld();
 
     std::unique_ptr<Private> d_;
 };

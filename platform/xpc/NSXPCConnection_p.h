@@ -4,6 +4,8 @@
 #include <QDBusConnection>
 #include <QDBusError>
 #include <QDBusMessage>
+#include <QDBusPendingCall>
+#include <QDBusPendingCallWatcher>
 #include <QDBusServer>
 #include <QDBusVirtualObject>
 #include <QObject>
@@ -70,46 +72,70 @@ public:
 
 class CallReceiver;
 
+// A pending call's watcher whose answer arrives on the thread it was handed to: its event() takes
+// it over before Qt runs the functors connected to it.
+class ReplyWatcher final : public QDBusPendingCallWatcher {
+public:
+    using QDBusPendingCallWatcher::QDBusPendingCallWatcher;
+    bool event(QEvent* event) override {
+        takeOver(this);
+        return QDBusPendingCallWatcher::event(event);
+    }
+};
+
 // The receivers of a connection's calls that still exist: those in flight are failed when the
 // connection is invalidated, and any left when its queue has stopped are deleted with it.
 struct PendingCalls {
+    // Holds the lock, marked to the thread sanitizer as well: Qt frees memory out of its sight,
+    // and a lock placed where such memory was can look already destroyed to it, its pairs lost.
+    class Lock {
+    public:
+        explicit Lock(PendingCalls& calls) : calls_(calls), lock_(calls.mutex) {
+            takeOver(&calls_.live);
+        }
+        ~Lock() { handOver(&calls_.live); }
+        Lock(const Lock&) = delete;
+        Lock& operator=(const Lock&) = delete;
+
+    private:
+        PendingCalls& calls_;
+        std::lock_guard<std::mutex> lock_;
+    };
     std::mutex mutex;
     std::unordered_set<CallReceiver*> live;
 };
 
 // Receives the outcome of one call, on the connection's queue. Exactly one of the reply, the
-// error or a local failure is acted on; the object then deletes itself.
+// error or a local failure is acted on; the object then deletes itself, on its own thread.
+// QtDBus never holds a pointer to it: the answer comes through a pending-call watcher, its child,
+// whose queued signal connection Qt cuts safely when the receiver goes, whatever thread answers.
 class CallReceiver final : public QObject {
-    Q_OBJECT
 public:
     CallReceiver(std::weak_ptr<NSXPCConnection> connection, const NSXPCMethodDescription* method,
                  NSXPCBlock reply, NSXPCErrorHandler errorHandler,
                  std::shared_ptr<PendingCalls> pending);
     ~CallReceiver() override;
 
+    // Watches `call`; called on the thread the receiver lives on.
+    void watch(const QDBusPendingCall& call);
+    // From here on the receiver belongs to `thread`.
+    void handTo(QThread* thread);
     void fail(int64_t code, const QString& why);
-    // The receiver goes once both its sender has finished handing the call to QtDBus (which
-    // still uses it after the message is out) and the call has ended.
-    void release();
     bool event(QEvent* event) override {
         takeOver(this);
         return QObject::event(event);
     }
 
-public Q_SLOTS:
-    void refused() { fail(NSXPCConnectionInvalid, QStringLiteral("the bus refused the call")); }
-    void onReply(const QDBusMessage& reply);
-    void onError(const QDBusError& error, const QDBusMessage& message);
-
 private:
+    void onFinished(const QDBusMessage& answer);
     bool finish();
     std::weak_ptr<NSXPCConnection> connection_;
     const NSXPCMethodDescription* method_;
     NSXPCBlock reply_;
     NSXPCErrorHandler errorHandler_;
     std::shared_ptr<PendingCalls> pending_;
-    std::atomic<int> holds_{2};
     bool done_ = false;
+    ReplyWatcher* watcher_ = nullptr;
 };
 
 // The exported object as D-Bus sees it on a connection of its own.

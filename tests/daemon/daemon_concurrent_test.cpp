@@ -49,15 +49,22 @@ TEST(DaemonConcurrentTest, DaemonKilledWithAThousandRequestsInFlight) {
     constexpr int kRequests = 1000;
     auto proxy = LMDaemonProxy::daemonProxy();
     LogCapture capture;
-    std::vector<std::atomic<int>> blocks(kRequests);
-    std::atomic<int> blockTotal{0};
-    auto send = [&](int from, int to) {
+    // The blocks run on the connection's queue: what they count outlives this test's frame.
+    struct Counts {
+        std::vector<std::atomic<int>> blocks = std::vector<std::atomic<int>>(kRequests);
+        std::atomic<int> total{0};
+    };
+    auto counts = std::make_shared<Counts>();
+    std::vector<std::atomic<int>>& blocks = counts->blocks;
+    std::atomic<int>& blockTotal = counts->total;
+    auto send = [&proxy, counts](int from, int to) {
         for (int i = from; i < to; ++i) {
             proxy->setupBroadcastWithHostBundleID(
                 QStringLiteral("com.example.host"), QStringLiteral("com.example.service"),
-                QByteArray(16, 'x'), QVariantMap{{QStringLiteral("i"), i}}, [&, i](NSErrorPtr) {
-                    blocks[size_t(i)]++;
-                    blockTotal++;
+                QByteArray(16, 'x'), QVariantMap{{QStringLiteral("i"), i}},
+                [counts, i](NSErrorPtr) {
+                    counts->blocks[size_t(i)]++;
+                    counts->total++;
                 });
         }
     };
@@ -72,7 +79,8 @@ TEST(DaemonConcurrentTest, DaemonKilledWithAThousandRequestsInFlight) {
         return capture.count("error: 4097") + capture.count("error: 4099");
     };
     ASSERT_TRUE(runMainLoopUntil(
-        [&] { return size_t(blockTotal.load()) + errorLines() >= size_t(kRequests); }, 60000));
+        [&] { return size_t(blockTotal.load()) + errorLines() >= size_t(kRequests); }, 60000))
+        << blockTotal.load() << " blocks, " << errorLines() << " error lines";
     EXPECT_EQ(size_t(blockTotal.load()) + errorLines(), size_t(kRequests));
     for (int i = 0; i < kRequests; ++i) {
         EXPECT_LE(blocks[size_t(i)].load(), 1) << i;

@@ -9,7 +9,6 @@
 #include <QProcess>
 #include <QProcessEnvironment>
 #include <algorithm>
-#include <numeric>
 
 #include "discovery/LMExtensions.h"
 #include "platform/appkit/NSRemoteViewController.h"
@@ -21,7 +20,6 @@
 #include "platform/extension/UTType.h"
 #include "platform/foundation/NSKeyedArchiver.h"
 #include "platform/xpc/NSInvocation.h"
-#include "tests/platform/extension/TestProtocols.h"
 #include "tests/support/TempDir.h"
 
 using platform::dispatch::runMainLoopUntil;
@@ -227,42 +225,6 @@ TEST_F(Runtime, CancelGivesAnEmptyListAndAFailedItemStaysUnloadable) {
     EXPECT_NE(error, nullptr);
     load(failing->items[0]->attachments()[0], &error);
     EXPECT_EQ(error, nullptr);
-}
-
-TEST_F(Runtime, AuxiliaryConnectionCarriesOneWayHostMessagesInOrder) {
-    class Recorder : public NSXPCInvocationTarget {
-    public:
-        void performSelector(const QString& selector, const QVariantList& arguments) override {
-            std::lock_guard lock(mutex);
-            if (selector == lumaro::test::kNoteSelector) {
-                notes.push_back(arguments.value(0).toInt());
-            }
-        }
-        size_t count() {
-            std::lock_guard lock(mutex);
-            return notes.size();
-        }
-        std::mutex mutex;
-        std::vector<int> notes;
-    };
-    qputenv("LUMARO_TEST_CHILD_MODE", "aux");
-    auto extension = extensionFor("com.example.test.aux",
-                                  buildPath("tests/platform/extension/extension_test_child"),
-                                  "NotingController", "TestNotingContext");
-    auto recorder = std::make_shared<Recorder>();
-    extension->_setHostContextClass({[] { return std::make_shared<NSExtensionContext>(); }, nullptr,
-                                     [] {
-                                         return NSXPCInterface::interfaceWithProtocol(
-                                             lumaro::test::NoteProtocol());
-                                     }});
-    extension->_setAuxiliaryExportedObject(recorder);
-    auto outcome = begin(extension, {});
-    ASSERT_TRUE(runMainLoopUntil(
-        [&] { return recorder->count() == 20 && outcome->completions == 1; }, kWaitMs));
-    std::vector<int> expected(20);
-    std::iota(expected.begin(), expected.end(), 0);
-    EXPECT_EQ(recorder->notes, expected);
-    EXPECT_TRUE(outcome->items.empty());
 }
 
 TEST_F(Runtime, RemoteViewControllerOfARunningRequest) {

@@ -1,10 +1,10 @@
 // A child for the runtime's tests, chosen by LUMARO_TEST_CHILD_MODE:
-//   aux      an extension (NSExtensionMain) whose context class names a host protocol; its
-//            controller sends twenty one-way notes to the host, then completes with no items
 //   silent   never connects (writes its pid to LUMARO_TEST_CHILD_PIDFILE and sleeps)
 //   garbage  connects without the runtime and sends malformed messages, then a valid check-in
 //            and unreadable items, then exits
 #include <unistd.h>
+
+#include <cstdio>
 
 #include <QCoreApplication>
 #include <QDBusConnection>
@@ -12,31 +12,10 @@
 #include <QFile>
 #include <QThread>
 
-#include "platform/appkit/NSExtensionMain.h"
-#include "platform/appkit/NSStoryboard.h"
-#include "platform/appkit/NSViewController.h"
 #include "platform/extension/NSExtensionContext.h"
 #include "platform/extension/NSExtensionRequest.h"
-#include "tests/platform/extension/TestProtocols.h"
 
 namespace {
-
-class NotingController : public NSServiceViewController {
-public:
-    void viewDidLoad() override {
-        auto context = extensionContext();
-        auto connection = context ? context->_auxiliaryConnection() : nullptr;
-        if (!connection) {
-            context->cancelRequestWithError(nullptr);
-            return;
-        }
-        auto proxy = connection->remoteObjectProxy();
-        for (int i = 0; i < 20; ++i) {
-            proxy->send(lumaro::test::kNoteSelector, {QVariant(i)});
-        }
-        context->completeRequestReturningItems({}, nullptr);
-    }
-};
 
 QDBusMessage call(const char* selector, const QVariantList& arguments) {
     const NSXPCProtocolDescription& protocol = platform::extension::requestHostProtocol();
@@ -100,13 +79,7 @@ int main(int argc, char** argv) {
     if (mode == QLatin1String("garbage")) {
         return garbage(argc, argv);
     }
-    NSExtensionRegisterContextClass(
-        QStringLiteral("TestNotingContext"),
-        {[] { return std::make_shared<NSExtensionContext>(); }, nullptr,
-         [] {
-             return NSXPCInterface::interfaceWithProtocol(lumaro::test::NoteProtocol());
-         }});
-    NSStoryboard::registerViewControllerClass(QStringLiteral("NotingController"),
-                                              [] { return std::make_shared<NotingController>(); });
-    return NSExtensionMain(argc, argv);
+    std::fprintf(stderr, "extension_test_child: unknown LUMARO_TEST_CHILD_MODE \"%s\"\n",
+                 qPrintable(mode));
+    return 64;
 }

@@ -38,6 +38,7 @@ void EchoObject::performSelector(const QString& selector, const QVariantList& ar
         {
             std::lock_guard lock(mutex_);
             lastNote_ = arguments;
+            noteObjects_.append(arguments.value(0));
         }
         notes++;
         return;
@@ -79,6 +80,11 @@ void EchoObject::performSelector(const QString& selector, const QVariantList& ar
 QVariantList EchoObject::lastNote() const {
     std::lock_guard lock(mutex_);
     return lastNote_;
+}
+
+QVariantList EchoObject::noteObjects() const {
+    std::lock_guard lock(mutex_);
+    return noteObjects_;
 }
 
 size_t EchoObject::heldCount() const {

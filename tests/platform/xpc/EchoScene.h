@@ -37,6 +37,7 @@ public:
 
     std::atomic<int> notes{0};
     QVariantList lastNote() const;
+    QVariantList noteObjects() const;  // the object of every note, in the order they came
     std::weak_ptr<NSXPCConnection> connection;  // for callMeBack:
     size_t heldCount() const;
     void dropHeld();
@@ -44,6 +45,7 @@ public:
 private:
     mutable std::mutex mutex_;
     QVariantList lastNote_;
+    QVariantList noteObjects_;
     std::vector<NSXPCBlock> held_;  // blocks kept by "hold"
 };
 

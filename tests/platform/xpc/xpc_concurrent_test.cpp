@@ -118,6 +118,50 @@ TEST_P(ConcurrentTest, TearingTheLinkDownWithCallsInFlightEndsEachOnce) {
     dropper.join();
 }
 
+// One-way messages from one sender arrive in the order sent, in both directions, from the very
+// first ones on a link the listener has just accepted.
+TEST_P(ConcurrentTest, OneWayMessagesOnAFreshLinkArriveInOrder) {
+    constexpr int kRounds = 8;
+    constexpr int kMessages = 1500;
+    QVariantList expected;
+    for (int i = 0; i < kMessages; ++i) {
+        expected.append(QString::number(i));
+    }
+    // The first place where `got` differs from what was sent, as text; empty when in order.
+    auto disorder = [&](const QVariantList& got) {
+        for (qsizetype i = 0; i < expected.size(); ++i) {
+            if (i >= got.size() || got[i] != expected[i]) {
+                return QStringLiteral("at %1: %2").arg(i).arg(
+                    got.mid(i, 5).size() > 0 ? QVariant(got.mid(i, 5)).toStringList().join(u' ')
+                                             : QStringLiteral("nothing"));
+            }
+        }
+        return got.size() == expected.size() ? QString() : QStringLiteral("more than sent");
+    };
+    auto sendAll = [&](const std::shared_ptr<NSXPCConnection>& connection) {
+        auto proxy = connection->remoteObjectProxy();
+        for (const QVariant& number : expected) {
+            proxy->send(lumaro::test::kNote, {number}, nullptr);
+        }
+    };
+    for (int round = 0; round < kRounds; ++round) {
+        if (round > 0) {
+            scene_.reset();
+            scene_ = EchoScene::make(GetParam());
+            ASSERT_TRUE(scene_);
+        }
+        sendAll(scene_->client);
+        ASSERT_TRUE(runMainLoopUntil(
+            [&] { return scene_->serverObject->notes.load() >= kMessages; }, 60000));
+        ASSERT_EQ(disorder(scene_->serverObject->noteObjects()).toStdString(), "") << round;
+        ASSERT_EQ(scene_->accepted().size(), 1U);
+        sendAll(scene_->accepted().front());
+        ASSERT_TRUE(runMainLoopUntil(
+            [&] { return scene_->clientObject->notes.load() >= kMessages; }, 60000));
+        ASSERT_EQ(disorder(scene_->clientObject->noteObjects()).toStdString(), "") << round;
+    }
+}
+
 INSTANTIATE_TEST_SUITE_P(Transports, ConcurrentTest,
                          testing::Values(Transport::Bus, Transport::Peer),
                          [](const testing::TestParamInfo<Transport>& info) {

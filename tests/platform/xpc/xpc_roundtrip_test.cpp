@@ -147,22 +147,21 @@ TEST_P(RoundTripTest, EmptyValuesAreValuesAndNilStaysNilBothWays) {
 TEST_P(RoundTripTest, ScalarsKeepTheirBoundaries) {
     struct Case {
         QVariantList sent;
-        QVariantList expected;
+        QVariantList expected;  // empty: the values sent
     };
     const std::vector<Case> cases = {
         {{-128, std::numeric_limits<int32_t>::min(), 0u, std::numeric_limits<qlonglong>::min(),
-          -1e300, QSizeF(0.5, 1e6)},
-         {-128, std::numeric_limits<int32_t>::min(), 0u, std::numeric_limits<qlonglong>::min(),
           -1e300, QSizeF(0.5, 1e6)}},
         {{127, std::numeric_limits<int32_t>::max(), std::numeric_limits<uint32_t>::max(),
-          std::numeric_limits<qlonglong>::max(), 0.1, QSizeF(640, 480)},
-         {127, std::numeric_limits<int32_t>::max(), std::numeric_limits<uint32_t>::max(),
           std::numeric_limits<qlonglong>::max(), 0.1, QSizeF(640, 480)}},
         // A flag given as a boolean, a size given in whole numbers.
         {{true, 1, 1u, qlonglong(1), 1.0, QSize(3, 4)},
          {1, 1, 1u, qlonglong(1), 1.0, QSizeF(3, 4)}},
     };
-    for (const auto& c : cases) {
+    for (auto c : cases) {
+        if (c.expected.isEmpty()) {
+            c.expected = c.sent;
+        }
         const QVariantList got = echo(kEchoScalars, c.sent);
         ASSERT_EQ(got.size(), c.expected.size());
         for (qsizetype i = 0; i < got.size(); ++i) {
@@ -261,14 +260,6 @@ TEST_P(RoundTripTest, ReplyBlockCalledTwiceOrWronglyAnswersOnce) {
         EXPECT_EQ(outcome->error->code(), NSXPCConnectionReplyInvalid);
     }
     EXPECT_EQ(capture.count("NSXPCConnection: reply values of misbehave:reply: do not match"), 2u);
-}
-
-TEST_P(RoundTripTest, TheListenerCallsTheClientBackOnTheSameLink) {
-    auto outcome = lumaro::test::send(scene_->client, kCallMeBack, {QStringLiteral("ping")});
-    ASSERT_EQ(outcome->replies.load(), 1);
-    ASSERT_TRUE(runMainLoopUntil([&] { return scene_->clientObject->notes.load() == 1; }, 10000));
-    EXPECT_EQ(scene_->clientObject->lastNote(), QVariantList{QStringLiteral("ping")});
-    ASSERT_EQ(scene_->accepted().size(), 1u);
 }
 
 INSTANTIATE_TEST_SUITE_P(Transports, RoundTripTest,
