@@ -16,6 +16,7 @@
 #include "platform/appkit/NSViewController.h"
 #include "platform/dispatch/dispatch.h"
 #include "platform/extension/NSExtension.h"
+#include "platform/extension/NSExtensionContext.h"
 #include "platform/extension/NSExtensionRequest.h"
 #include "platform/log/os_log.h"
 #include "platform/xpc/NSXPCConnection.h"
@@ -253,6 +254,12 @@ int NSExtensionMain(int argc, char** argv) {
             QCoreApplication::exit(0);
         });
     const int code = app.exec();
+    // The request's context (and its connections) goes while the application is still there:
+    // a connection's thread is ended through the event loop.
+    if (extension->context) {
+        _NSExtensionContextVendor::_sharedExtensionContextVendor()->_removeExtensionContext(
+            extension->context->_UUID());
+    }
     extension.reset();
     process.reset();
     return status != 0 ? status : code;

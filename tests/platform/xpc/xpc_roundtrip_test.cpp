@@ -151,9 +151,11 @@ TEST_P(RoundTripTest, ScalarsKeepTheirBoundaries) {
     };
     const std::vector<Case> cases = {
         {{-128, std::numeric_limits<int32_t>::min(), 0u, std::numeric_limits<qlonglong>::min(),
-          -1e300, QSizeF(0.5, 1e6)}},
+          -1e300, QSizeF(0.5, 1e6)},
+         {}},
         {{127, std::numeric_limits<int32_t>::max(), std::numeric_limits<uint32_t>::max(),
-          std::numeric_limits<qlonglong>::max(), 0.1, QSizeF(640, 480)}},
+          std::numeric_limits<qlonglong>::max(), 0.1, QSizeF(640, 480)},
+         {}},
         // A flag given as a boolean, a size given in whole numbers.
         {{true, 1, 1u, qlonglong(1), 1.0, QSize(3, 4)},
          {1, 1, 1u, qlonglong(1), 1.0, QSizeF(3, 4)}},
