@@ -179,6 +179,12 @@ void CallReceiver::watch(const QDBusPendingCall& call) {
     watcher_ = new ReplyWatcher(call, this);
     QObject::connect(watcher_, &QDBusPendingCallWatcher::finished, this,
                      [this](QDBusPendingCallWatcher* finished) { onFinished(finished->reply()); });
+    if (watcher_->isFinished()) {
+        // Over before it was watched (the bus refused it): QtDBus announces that on the sender's
+        // thread, which may run no event loop. The answer comes once either way (see finish()).
+        QMetaObject::invokeMethod(
+            this, [this] { onFinished(watcher_->reply()); }, Qt::QueuedConnection);
+    }
 }
 
 void CallReceiver::handTo(QThread* thread) {
