@@ -179,6 +179,12 @@ void CallReceiver::watch(const QDBusPendingCall& call) {
     watcher_ = new ReplyWatcher(call, this);
     QObject::connect(watcher_, &QDBusPendingCallWatcher::finished, this,
                      [this](QDBusPendingCallWatcher* finished) { onFinished(finished->reply()); });
+    if (watcher_->isFinished()) {
+        // Over before it was watched (the bus refused it): QtDBus announces that on the sender's
+        // thread, which may run no event loop. The answer comes once either way (see finish()).
+        QMetaObject::invokeMethod(
+            this, [this] { onFinished(watcher_->reply()); }, Qt::QueuedConnection);
+    }
 }
 
 void CallReceiver::handTo(QThread* thread) {
@@ -377,9 +383,27 @@ NSXPCConnection::~NSXPCConnection() {
         platform::xpc::ThreadReaper::instance().add(thread);
         return;
     }
-    dispatchOnQueue(last);
+    // Once the application has gone its queue may take no more blocks: quit anyway, and what the
+    // last block did not get to goes here, with the thread ended.
+    auto ran = std::make_shared<std::atomic<bool>>(false);
+    dispatchOnQueue([last, ran] {
+        ran->store(true);
+        last();
+    });
+    thread->quit();
     thread->wait();
     platform::xpc::takeOver(thread);
+    if (!ran->load()) {
+        std::vector<CallReceiver*> left;
+        {
+            platform::xpc::PendingCalls::Lock lock(*d_->pending);
+            left.assign(d_->pending->live.begin(), d_->pending->live.end());
+        }
+        for (CallReceiver* receiver : left) {
+            delete receiver;
+        }
+        delete thread->context;
+    }
     delete thread;
 }
 
@@ -784,8 +808,18 @@ NSXPCListener::~NSXPCListener() {
         QThread::currentThread()->quit();
     };
     if (d_->thread.isRunning()) {
-        d_->context->post(last);
+        auto ran = std::make_shared<std::atomic<bool>>(false);
+        d_->context->post([last, ran] {
+            ran->store(true);
+            last();
+        });
+        d_->thread.quit();  // as for a connection's queue
         d_->thread.wait();
+        if (!ran->load()) {
+            d_->peers.clear();
+            delete d_->adaptor;
+            delete d_->context;
+        }
     } else {
         last();
         delete d_->context;

@@ -147,7 +147,7 @@ TEST_P(RoundTripTest, EmptyValuesAreValuesAndNilStaysNilBothWays) {
 TEST_P(RoundTripTest, ScalarsKeepTheirBoundaries) {
     struct Case {
         QVariantList sent;
-        QVariantList expected;  // empty: the values sent
+        QVariantList expected = {};  // empty: the values sent
     };
     const std::vector<Case> cases = {
         {{-128, std::numeric_limits<int32_t>::min(), 0u, std::numeric_limits<qlonglong>::min(),
