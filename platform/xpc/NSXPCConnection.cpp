@@ -107,7 +107,7 @@ namespace platform::xpc {
 
 void QueueContext::post(std::function<void()> block) {
     {
-        std::lock_guard lock(mutex_);
+        platform::xpc::MarkedLock lock(mutex_);
         blocks_.push_back(std::move(block));
     }
     auto* wake = new QEvent(QEvent::User);
@@ -122,7 +122,7 @@ bool QueueContext::event(QEvent* event) {
     }
     std::function<void()> block;
     {
-        std::lock_guard lock(mutex_);
+        platform::xpc::MarkedLock lock(mutex_);
         if (blocks_.empty()) {
             return true;
         }
@@ -188,11 +188,12 @@ void CallReceiver::watch(const QDBusPendingCall& call) {
 }
 
 void CallReceiver::handTo(QThread* thread) {
-    // Marked before the move: the answer may be waiting already, and run there at once.
-    handOver(this);
+    // Marked before the move, after the last read of our own: the answer may be waiting
+    // already, and run there at once.
     if (watcher_ != nullptr) {
         handOver(watcher_);
     }
+    handOver(this);
     moveToThread(thread);  // its watcher, a child, moves with it
 }
 
@@ -314,14 +315,14 @@ public:
     }
     void add(QThread* thread) {
         {
-            std::lock_guard lock(mutex_);
+            platform::xpc::MarkedLock lock(mutex_);
             threads_.push_back(thread);
         }
         wake_.notify_one();
     }
     ~ThreadReaper() {
         {
-            std::lock_guard lock(mutex_);
+            platform::xpc::MarkedLock lock(mutex_);
             stopping_ = true;
         }
         wake_.notify_one();
@@ -415,40 +416,40 @@ uint64_t NSXPCConnection::options() const {
 }
 
 void NSXPCConnection::setExportedObject(std::shared_ptr<NSXPCInvocationTarget> object) {
-    std::lock_guard lock(d_->mutex);
+    platform::xpc::MarkedLock lock(d_->mutex);
     d_->exportedObject = std::move(object);
 }
 std::shared_ptr<NSXPCInvocationTarget> NSXPCConnection::exportedObject() const {
-    std::lock_guard lock(d_->mutex);
+    platform::xpc::MarkedLock lock(d_->mutex);
     return d_->exportedObject;
 }
 void NSXPCConnection::setExportedInterface(std::shared_ptr<NSXPCInterface> interface) {
-    std::lock_guard lock(d_->mutex);
+    platform::xpc::MarkedLock lock(d_->mutex);
     d_->exportedInterface = std::move(interface);
 }
 std::shared_ptr<NSXPCInterface> NSXPCConnection::exportedInterface() const {
-    std::lock_guard lock(d_->mutex);
+    platform::xpc::MarkedLock lock(d_->mutex);
     return d_->exportedInterface;
 }
 void NSXPCConnection::setRemoteObjectInterface(std::shared_ptr<NSXPCInterface> interface) {
-    std::lock_guard lock(d_->mutex);
+    platform::xpc::MarkedLock lock(d_->mutex);
     d_->remoteInterface = std::move(interface);
 }
 std::shared_ptr<NSXPCInterface> NSXPCConnection::remoteObjectInterface() const {
-    std::lock_guard lock(d_->mutex);
+    platform::xpc::MarkedLock lock(d_->mutex);
     return d_->remoteInterface;
 }
 void NSXPCConnection::setDelegate(std::weak_ptr<NSXPCConnectionDelegate> delegate) {
-    std::lock_guard lock(d_->mutex);
+    platform::xpc::MarkedLock lock(d_->mutex);
     d_->delegate = std::move(delegate);
 }
 std::shared_ptr<NSXPCConnectionDelegate> NSXPCConnection::delegate() const {
-    std::lock_guard lock(d_->mutex);
+    platform::xpc::MarkedLock lock(d_->mutex);
     return d_->delegate.lock();
 }
 
 void NSXPCConnection::resume() {
-    std::lock_guard lock(d_->mutex);
+    platform::xpc::MarkedLock lock(d_->mutex);
     if (d_->resumed || d_->invalidated) {
         return;
     }
@@ -482,7 +483,7 @@ void NSXPCConnection::resume() {
 }
 
 void NSXPCConnection::invalidate() {
-    std::lock_guard lock(d_->mutex);
+    platform::xpc::MarkedLock lock(d_->mutex);
     if (d_->invalidated) {
         return;
     }
@@ -537,7 +538,7 @@ QString NSXPCConnection::queueLabel() const {
 }
 
 QString NSXPCConnection::uniqueBusName() const {
-    std::lock_guard lock(d_->mutex);
+    platform::xpc::MarkedLock lock(d_->mutex);
     return d_->bus ? d_->bus->baseService() : QString();
 }
 
@@ -569,7 +570,7 @@ void NSXPCConnection::send(std::string_view selector, const QVariantList& argume
     std::shared_ptr<NSXPCInterface> iface;
     std::optional<QDBusConnection> bus;
     {
-        std::lock_guard lock(d_->mutex);
+        platform::xpc::MarkedLock lock(d_->mutex);
         iface = d_->remoteInterface;
         bus = d_->bus;
     }
@@ -597,7 +598,7 @@ void NSXPCConnection::send(std::string_view selector, const QVariantList& argume
     message.setArguments(*wire);
     auto* receiver =
         new CallReceiver(weak_from_this(), method, std::move(reply), errorHandler, d_->pending);
-    std::lock_guard lock(d_->mutex);  // held calls go out first, and in order
+    platform::xpc::MarkedLock lock(d_->mutex);  // held calls go out first, and in order
     if (!d_->linkLetIn) {
         receiver->handTo(d_->thread);
         d_->held.emplace_back(message, receiver);
@@ -634,7 +635,7 @@ void NSXPCConnection::checkLinkLetIn() {
 void NSXPCConnection::sendHeld() {
     std::vector<QPointer<CallReceiver>> unsent;
     {
-        std::lock_guard lock(d_->mutex);  // sends made meanwhile wait, and go after these
+        platform::xpc::MarkedLock lock(d_->mutex);  // sends made meanwhile wait, and go after these
         platform::xpc::takeOver(&d_->held);
         d_->linkLetIn = true;
         for (auto& [message, receiver] : d_->held) {
@@ -667,7 +668,7 @@ void NSXPCConnection::handleIncoming(const QDBusMessage& message) {
     std::shared_ptr<NSXPCInvocationTarget> object;
     std::optional<QDBusConnection> bus;
     {
-        std::lock_guard lock(d_->mutex);
+        platform::xpc::MarkedLock lock(d_->mutex);
         iface = d_->exportedInterface;
         object = d_->exportedObject;
         bus = d_->bus;
@@ -830,7 +831,7 @@ NSXPCListener::~NSXPCListener() {
 }
 
 void NSXPCListener::setDelegate(std::weak_ptr<NSXPCListenerDelegate> delegate) {
-    std::lock_guard lock(d_->mutex);
+    platform::xpc::MarkedLock lock(d_->mutex);
     d_->delegate = std::move(delegate);
 }
 
@@ -839,7 +840,7 @@ void NSXPCListener::setExportedInterface(std::shared_ptr<NSXPCInterface> interfa
 }
 
 bool NSXPCListener::resume(QString* error) {
-    std::lock_guard lock(d_->mutex);
+    platform::xpc::MarkedLock lock(d_->mutex);
     if (d_->name.isEmpty()) {
         if (d_->server != nullptr) {
             return d_->server->isConnected();
@@ -911,7 +912,7 @@ bool NSXPCListener::resume(QString* error) {
 }
 
 NSXPCListenerEndpoint NSXPCListener::endpoint() const {
-    std::lock_guard lock(d_->mutex);
+    platform::xpc::MarkedLock lock(d_->mutex);
     if (d_->server == nullptr || !d_->server->isConnected()) {
         return {};
     }
@@ -921,13 +922,13 @@ NSXPCListenerEndpoint NSXPCListener::endpoint() const {
 void NSXPCListener::acceptPeer(const QDBusConnection& peer) {
     std::shared_ptr<NSXPCListenerDelegate> delegate;
     {
-        std::lock_guard lock(d_->mutex);
+        platform::xpc::MarkedLock lock(d_->mutex);
         delegate = d_->delegate.lock();
     }
     // Peers that went away since the last one came are dropped now.
     std::erase_if(d_->peers, [](const auto& entry) {
         auto& peerData = *entry.second->d_;
-        std::lock_guard peerLock(peerData.mutex);
+        platform::xpc::MarkedLock peerLock(peerData.mutex);
         return !peerData.bus || !peerData.bus->isConnected();
     });
     std::shared_ptr<NSXPCConnection> connection(new NSXPCConnection());
@@ -949,7 +950,7 @@ void NSXPCListener::invalidate() {
     std::optional<QDBusConnection> bus;
     {
         // From here on route() takes no more messages, so it makes no new connections.
-        std::lock_guard lock(d_->mutex);
+        platform::xpc::MarkedLock lock(d_->mutex);
         std::swap(server, d_->server);
         std::swap(bus, d_->bus);
     }
@@ -990,7 +991,7 @@ void NSXPCListener::route(const QDBusMessage& message) {
     std::shared_ptr<NSXPCListenerDelegate> delegate;
     std::optional<QDBusConnection> bus;
     {
-        std::lock_guard lock(d_->mutex);
+        platform::xpc::MarkedLock lock(d_->mutex);
         delegate = d_->delegate.lock();
         bus = d_->bus;
     }

@@ -44,6 +44,20 @@ inline void takeOver(void* object) {
 #endif
 }
 
+// A lock on a mutex of ours whose pairs the thread sanitizer keeps even where it has lost
+// track of the mutex itself: memory that Qt freed out of its sight can leave a stale record at
+// the address a new mutex takes, and it then reports both sides of the lock as racing.
+class MarkedLock {
+public:
+    explicit MarkedLock(std::mutex& mutex) : lock_(mutex) { takeOver(&mutex); }
+    ~MarkedLock() { handOver(lock_.mutex()); }
+    MarkedLock(const MarkedLock&) = delete;
+    MarkedLock& operator=(const MarkedLock&) = delete;
+
+private:
+    std::unique_lock<std::mutex> lock_;
+};
+
 // The QObjects below have no signals or slots of their own and so no Q_OBJECT: QtDBus's thread
 // calls metaObject() on registered objects, and Qt's own version of it is not instrumented code
 // racing with our constructors in the thread sanitizer's eyes.
