@@ -8,7 +8,7 @@ packages=(
   qt6-base-dev qt6-base-dev-tools libgl-dev
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   libsystemd-dev
-  dbus-daemon dbus-bin python3-dbus python3-gi
+  dbus-daemon dbus-bin python3-dbus python3-gi procps
   xvfb xauth
   qt6-wayland libwayland-dev weston
 )
