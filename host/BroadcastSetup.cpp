@@ -7,6 +7,7 @@
 #include <QTimer>
 
 #include "host/LMBroadcastHostRequest.h"
+#include "host/SetupRequestAccess.h"
 
 namespace lumaro::broadcast {
 
@@ -48,6 +49,10 @@ std::string urlText(const QUrl& url) {
     return url.isEmpty() ? std::string() : url.toString(QUrl::FullyEncoded).toStdString();
 }
 }  // namespace
+
+LMBroadcastHostRequestOptions& SetupRequestAccess::options(SetupRequest& request) {
+    return request.d_->options;
+}
 
 SetupRequest::SetupRequest() : d_(std::make_shared<Private>()) {}
 

@@ -14,7 +14,7 @@
 #include <QTimer>
 #include <cstdio>
 
-#include "lumaro-broadcast-host/BroadcastSetup.h"
+#include "host/SetupRequestAccess.h"
 
 namespace {
 
@@ -25,37 +25,56 @@ const QString kRequestInterface = QStringLiteral("com.vantor.lumaro.Request");
 const QString kRequestPrefix = kPath + QStringLiteral("/request/");
 const QString kInvalidArgs = QStringLiteral("org.freedesktop.DBus.Error.InvalidArgs");
 
-// Each option's type: what QtDBus hands over for it, and its D-Bus signature for the error.
-struct OptionType {
-    QMetaType::Type type;
-    const char* signature;
-};
-const std::map<QString, OptionType>& optionTypes() {
-    static const OptionType text{QMetaType::QString, "s"};
-    static const OptionType number{QMetaType::Double, "d"};
-    static const OptionType bytes{QMetaType::QByteArray, "ay"};
-    static const std::map<QString, OptionType> types{
-        {QStringLiteral("handle_token"), text},
-        {QStringLiteral("app-name"), text},
-        {QStringLiteral("bundle-id"), text},
-        {QStringLiteral("icon"), bytes},
-        {QStringLiteral("preferred-extension"), text},
-        {QStringLiteral("x"), number},
-        {QStringLiteral("y"), number},
-        {QStringLiteral("width"), number},
-        {QStringLiteral("height"), number},
-        {QStringLiteral("title"), text},
-        {QStringLiteral("no-service"), text},
-        {QStringLiteral("find-apps"), text},
-        {QStringLiteral("not-installed-title"), text},
-        {QStringLiteral("not-installed-message"), text},
+using Options = LMBroadcastHostRequestOptions;
+
+// The options that go into the host request as they are, each to its field; what a caller leaves
+// out keeps the host request's default.
+const std::map<QString, QString Options::*>& textOptions() {
+    static const std::map<QString, QString Options::*> fields{
+        {QStringLiteral("app-name"), &Options::appName},
+        {QStringLiteral("bundle-id"), &Options::bundleID},
+        {QStringLiteral("preferred-extension"), &Options::preferredExtension},
+        {QStringLiteral("title"), &Options::localizedBroadcastTitle},
+        {QStringLiteral("no-service"), &Options::localizedNoService},
+        {QStringLiteral("find-apps"), &Options::localizedFindBroadcastApps},
+        {QStringLiteral("not-installed-title"), &Options::notInstalledTitle},
+        {QStringLiteral("not-installed-message"), &Options::notInstalledMessage},
     };
-    return types;
+    return fields;
+}
+const std::map<QString, double Options::*>& numberOptions() {
+    static const std::map<QString, double Options::*> fields{
+        {QStringLiteral("x"), &Options::sourceX},
+        {QStringLiteral("y"), &Options::sourceY},
+        {QStringLiteral("width"), &Options::width},
+        {QStringLiteral("height"), &Options::height},
+    };
+    return fields;
 }
 
-std::string utf8(const QVariantMap& options, const char* key, const char* fallback) {
-    const auto it = options.constFind(QString::fromLatin1(key));
-    return it == options.cend() ? std::string(fallback) : it->toString().toStdString();
+// The D-Bus signature an option must have; none for an unknown option (ignored).
+const char* signatureOf(const QString& option) {
+    if (textOptions().count(option) != 0 || option == QLatin1String("handle_token")) {
+        return "s";
+    }
+    if (numberOptions().count(option) != 0) {
+        return "d";
+    }
+    return option == QLatin1String("icon") ? "ay" : nullptr;
+}
+
+// Whether a value of the type QtDBus hands over for `signature`.
+bool hasSignature(const QVariant& value, const char* signature) {
+    switch (value.typeId()) {
+    case QMetaType::QString:
+        return qstrcmp(signature, "s") == 0;
+    case QMetaType::Double:
+        return qstrcmp(signature, "d") == 0;
+    case QMetaType::QByteArray:
+        return qstrcmp(signature, "ay") == 0;
+    default:
+        return false;
+    }
 }
 
 }  // namespace
@@ -161,10 +180,10 @@ void BroadcastPickerPortal::setupBroadcast(const QDBusMessage& message) {
     QVariantMap options;
     message.arguments().at(1).value<QDBusArgument>() >> options;
     for (auto it = options.cbegin(); it != options.cend(); ++it) {
-        const auto type = optionTypes().find(it.key());
-        if (type != optionTypes().end() && it.value().typeId() != type->second.type) {
+        const char* signature = signatureOf(it.key());
+        if (signature != nullptr && !hasSignature(it.value(), signature)) {
             refuse(kInvalidArgs, QStringLiteral("option %1 must be of type %2")
-                                     .arg(it.key(), QLatin1String(type->second.signature)));
+                                     .arg(it.key(), QLatin1String(signature)));
             return;
         }
     }
@@ -200,25 +219,16 @@ void BroadcastPickerPortal::setupBroadcast(const QDBusMessage& message) {
     }
 
     auto setup = std::make_unique<lumaro::broadcast::SetupRequest>();
-    setup->setHost(utf8(options, "app-name", "Lumaro Host"),
-                   utf8(options, "bundle-id", "com.vantor.lumaro.host"));
-    setup->setTexts(utf8(options, "title", "Broadcast %@ to"),
-                    utf8(options, "no-service", "No broadcast services are installed"),
-                    utf8(options, "find-apps", "Find broadcast apps\u2026"));
-    if (!icon.isEmpty()) {
-        setup->setIcon(icon.constData(), static_cast<std::size_t>(icon.size()));
+    Options& asked = lumaro::broadcast::SetupRequestAccess::options(*setup);
+    for (auto it = options.cbegin(); it != options.cend(); ++it) {
+        if (const auto text = textOptions().find(it.key()); text != textOptions().end()) {
+            asked.*(text->second) = it.value().toString();
+        } else if (const auto number = numberOptions().find(it.key());
+                   number != numberOptions().end()) {
+            asked.*(number->second) = it.value().toDouble();
+        }
     }
-    setup->setPreferredExtension(utf8(options, "preferred-extension", ""));
-    if (options.contains(QStringLiteral("not-installed-title")) ||
-        options.contains(QStringLiteral("not-installed-message"))) {
-        setup->setNotInstalledAlert(utf8(options, "not-installed-title", ""),
-                                    utf8(options, "not-installed-message", ""));
-    }
-    const auto number = [&options](const char* key, double fallback) {
-        return options.value(QString::fromLatin1(key), fallback).toDouble();
-    };
-    setup->setViewSize(number("width", 400), number("height", 300));
-    setup->setAnchor(number("x", 200), number("y", 200));
+    asked.iconData = icon;
     setup->setTimeLimit(settings_.requestTimeLimitSeconds);
 
     // The handle goes out before anything can be reported on it.

@@ -86,16 +86,20 @@ public:
 
 class CallReceiver;
 
-// A pending call's watcher whose answer arrives on the thread it was handed to: its event() takes
-// it over before Qt runs the functors connected to it.
-class ReplyWatcher final : public QDBusPendingCallWatcher {
+// A QObject of Qt's whose events arrive on the thread it was handed to: its event() takes it
+// over before Qt runs anything connected to it.
+template <class Base>
+class TakenOver final : public Base {
 public:
-    using QDBusPendingCallWatcher::QDBusPendingCallWatcher;
+    using Base::Base;
     bool event(QEvent* event) override {
         takeOver(this);
-        return QDBusPendingCallWatcher::event(event);
+        return Base::event(event);
     }
 };
+
+// A pending call's watcher whose answer arrives on the thread it was handed to.
+using ReplyWatcher = TakenOver<QDBusPendingCallWatcher>;
 
 // The receivers of a connection's calls that still exist: those in flight are failed when the
 // connection is invalidated, and any left when its queue has stopped are deleted with it.
@@ -186,13 +190,6 @@ private:
 };
 
 // An anonymous listener's server: announces new peers on the listener's thread.
-class PeerServer final : public QDBusServer {
-public:
-    using QDBusServer::QDBusServer;
-    bool event(QEvent* event) override {
-        takeOver(this);
-        return QDBusServer::event(event);
-    }
-};
+using PeerServer = TakenOver<QDBusServer>;
 
 }  // namespace platform::xpc

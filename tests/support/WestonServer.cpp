@@ -2,13 +2,13 @@
 
 #include <unistd.h>
 
-#include <QDeadlineTimer>
 #include <QDir>
 #include <QFile>
 #include <QStandardPaths>
 #include <QTemporaryDir>
 
 #include "platform/appkit/NSDisplaySession.h"
+#include "tests/support/ServerProcess.h"
 
 namespace lumaro::test {
 
@@ -78,13 +78,11 @@ bool WestonServer::start(int width, int height) {
         return false;
     }
     const QString socket = runtimeDir_ + QLatin1Char('/') + socket_;
-    QDeadlineTimer limit(kStartLimitMs);
-    while (!platform::appkit::unixSocketAnswers(socket) && process->state() == QProcess::Running &&
-           !limit.hasExpired()) {
-        process->waitForFinished(50);  // returns early only if the compositor gives up
-    }
+    const bool serving = waitUntilServing(
+        *process, [&socket] { return platform::appkit::unixSocketAnswers(socket); },
+        kStartLimitMs);
     process_ = std::move(process);
-    if (!platform::appkit::unixSocketAnswers(socket) || !isRunning()) {
+    if (!serving) {
         QFile log(runtimeDir_ + QStringLiteral("/weston.log"));
         log.open(QIODevice::ReadOnly);
         error_ =
@@ -96,16 +94,7 @@ bool WestonServer::start(int width, int height) {
 }
 
 void WestonServer::stop() {
-    if (process_) {
-        if (process_->state() != QProcess::NotRunning) {
-            process_->terminate();  // SIGTERM to the compositor's pid
-            if (!process_->waitForFinished(10000)) {
-                process_->kill();
-                process_->waitForFinished(10000);
-            }
-        }
-        process_.reset();
-    }
+    stopServer(process_);
     if (!runtimeDir_.isEmpty()) {
         QDir(runtimeDir_).removeRecursively();
         runtimeDir_.clear();

@@ -73,6 +73,7 @@ public:
     bool running() const;
 
 private:
+    friend struct SetupRequestAccess;  // the project's own callers, inside the library
     struct Private;
     std::shared_ptr<Private> d_;
 };

@@ -1,6 +1,5 @@
 #include "tests/platform/appkit/XvfbServer.h"
 
-#include <QDeadlineTimer>
 #include <QDir>
 #include <QFileInfo>
 #include <QGuiApplication>
@@ -9,6 +8,8 @@
 #include <QScreen>
 #include <QStandardPaths>
 #include <QThread>
+
+#include "tests/support/ServerProcess.h"
 
 namespace lumaro::test {
 
@@ -58,12 +59,8 @@ bool XvfbServer::start(const QString& screen) {
             return false;
         }
         const QString socket = QStringLiteral("/tmp/.X11-unix/X%1").arg(n);
-        QDeadlineTimer limit(kStartLimitMs);
-        while (!QFileInfo::exists(socket) && process->state() == QProcess::Running &&
-               !limit.hasExpired()) {
-            process->waitForFinished(50);  // returns early only if the server gives up
-        }
-        if (QFileInfo::exists(socket) && process->state() == QProcess::Running) {
+        if (waitUntilServing(
+                *process, [&socket] { return QFileInfo::exists(socket); }, kStartLimitMs)) {
             process_ = std::move(process);
             display_ = n;
             return true;
@@ -79,17 +76,7 @@ bool XvfbServer::start(const QString& screen) {
 }
 
 void XvfbServer::stop() {
-    if (!process_) {
-        return;
-    }
-    if (process_->state() != QProcess::NotRunning) {
-        process_->terminate();  // SIGTERM to the server's pid
-        if (!process_->waitForFinished(10000)) {
-            process_->kill();
-            process_->waitForFinished(10000);
-        }
-    }
-    process_.reset();
+    stopServer(process_);
     display_ = -1;
 }
 
