@@ -133,6 +133,7 @@ bool SetupRequest::start(Completion completion, std::string* error) {
                     d->finish(std::move(result));
                 }
             },
+        .viewArrived = nullptr,
     });
     QString why;
     if (!request->start(&why)) {

@@ -164,7 +164,8 @@ bool LMBroadcastHostRequest::start(QString* error) {
         }
     });
     picker_->beginExtensionRequestWithInputItems(
-        inputItems(options_), [weak](QUuid identifier, NSErrorPtr beginError) {
+        options_.viewParametersOnly ? std::vector<NSExtensionItemPtr>() : inputItems(options_),
+        [weak](QUuid identifier, NSErrorPtr beginError) {
             auto self = weak.lock();
             if (!self) {
                 return;
@@ -180,6 +181,14 @@ bool LMBroadcastHostRequest::start(QString* error) {
                 return;
             }
             self->requestIdentifier_ = identifier;
+            if (self->options_.viewParametersOnly) {
+                self->requestPickerView(
+                    QVariantMap{{kLMParameterIsPrismApp, QStringLiteral("NO")},
+                                {kLMParameterViewWidth, self->options_.width},
+                                {kLMParameterViewHeight, self->options_.height},
+                                {kLMParameterRequestIdentifier, QVariant::fromValue(identifier)}},
+                    false);
+            }
         });
     return true;
 }
@@ -201,7 +210,7 @@ void LMBroadcastHostRequest::received(const QString& selector, const QVariantLis
     if (selector == kSheetSelector) {
         sheetRequested_ = true;
         if (options_.showSheet) {
-            showSheet();
+            requestPickerView({}, true);
         }
     } else if (selector == kFinishSelector && arguments.size() == 4 && !finished_) {
         finished_ = true;
@@ -216,15 +225,16 @@ void LMBroadcastHostRequest::received(const QString& selector, const QVariantLis
     }
 }
 
-void LMBroadcastHostRequest::showSheet() {
+void LMBroadcastHostRequest::requestPickerView(const QVariant& clientParameters, bool show) {
     auto parameters = std::make_shared<NSRemoteViewControllerParameters>();
     parameters->setServiceBundleIdentifier(options_.pickerIdentifier + QStringLiteral(".veilnet"));
     parameters->setExtensionIdentifier(QVariant::fromValue(requestIdentifier_));
+    parameters->setHostAppClientParameters(clientParameters);
     const std::weak_ptr<LMBroadcastHostRequest> weak = weak_from_this();
     const QString title = QStringLiteral("%1: broadcast").arg(options_.appName);
     NSRemoteViewController::requestViewController(
         parameters,
-        [weak, title](std::shared_ptr<NSRemoteViewController> controller, NSErrorPtr error) {
+        [weak, title, show](std::shared_ptr<NSRemoteViewController> controller, NSErrorPtr error) {
             auto self = weak.lock();
             if (!self) {
                 return;
@@ -234,9 +244,13 @@ void LMBroadcastHostRequest::showSheet() {
                 return;
             }
             self->sheet_ = controller;
+            if (self->handlers_.viewArrived) {
+                const NSSize size = controller->remoteViewSize();
+                self->handlers_.viewArrived(size.width, size.height);
+            }
             // With widgets in this process the picker's view is embedded in a window of the
             // host's; otherwise the picker's own window, shown when its view is served, is it.
-            if (qobject_cast<QApplication*>(QCoreApplication::instance()) != nullptr) {
+            if (show && qobject_cast<QApplication*>(QCoreApplication::instance()) != nullptr) {
                 if (QWidget* window = controller->view()->widget()) {
                     window->setWindowTitle(title);
                     window->show();

@@ -46,6 +46,10 @@ struct LMBroadcastHostRequestOptions {
     QString pickerIdentifier = QStringLiteral("com.vantor.lumaro.broadcast-picker");
     // Whether to show the picker's view when it asks for the sheet.
     bool showSheet = false;
+    // A host that is not a Prism app: no input items; the picker's view is asked for as soon as
+    // the request has begun, with view-service parameters ("isPrismApp" "NO", the view's width
+    // and height, the request's identifier).
+    bool viewParametersOnly = false;
 };
 
 // extensionDidFinishWithLaunchURL:broadcastURL:extensionBundleID:cancelled:, as received.
@@ -67,6 +71,8 @@ public:
         std::function<void(const LMBroadcastHostOutcome&)> outcome;
         // The picker ended (or could not start) before any outcome.
         std::function<void(const QString& why)> pickerExited;
+        // The picker's remote view arrived, with the size the picker gave it.
+        std::function<void(double width, double height)> viewArrived;
     };
 
     explicit LMBroadcastHostRequest(LMBroadcastHostRequestOptions options);
@@ -97,7 +103,8 @@ public:
     void received(const QString& selector, const QVariantList& arguments);
 
 private:
-    void showSheet();
+    // Asks for the picker's remote view; `show` puts it in a window of this process.
+    void requestPickerView(const QVariant& clientParameters, bool show);
 
     LMBroadcastHostRequestOptions options_;
     Handlers handlers_;

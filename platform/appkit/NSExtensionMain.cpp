@@ -240,6 +240,11 @@ int NSExtensionMain(int argc, char** argv) {
                 return;
             }
             self->principal->beginRequestWithExtensionContext(context);
+            // A request without input items is a host showing the view with view-service
+            // parameters: the view loads when that host asks for it, parameters first.
+            if (context->inputItems().empty()) {
+                return;
+            }
             std::weak_ptr<NSViewController> principal = self->principal;
             dispatch_async(dispatch_get_main_queue(), [principal] {
                 if (auto controller = principal.lock()) {

@@ -59,11 +59,20 @@ struct ExtensionProcess::Private : std::enable_shared_from_this<ExtensionProcess
     std::shared_ptr<NSExtensionContext> context;
     bool checkedIn = false;
     bool endedCalled = false;
+    // Remote-view requests that came before the check-in's answer: the host may ask for a view
+    // as soon as it has answered, and the request's controller exists only after the answer.
+    std::vector<std::function<void()>> heldViews;
 
+    void serveHeldViews() {
+        for (const auto& serve : std::exchange(heldViews, {})) {
+            serve();
+        }
+    }
     void fail(const QString& reason) {
         if (auto r = std::exchange(ready, nullptr)) {
             r(nullptr, reason);
         }
+        serveHeldViews();
         finish();
     }
     void finish() {
@@ -82,7 +91,7 @@ struct ExtensionProcess::Private : std::enable_shared_from_this<ExtensionProcess
         const QString className = arguments.value(0).toString();
         const QVariant parameters = arguments.value(1);
         std::weak_ptr<Private> weak = weak_from_this();
-        dispatch_async(dispatch_get_main_queue(), [weak, reply, className, parameters] {
+        const auto serve = [weak, reply, className, parameters] {
             auto self = weak.lock();
             auto answer = [reply](RemoteViewAnswer a) {
                 if (reply) {
@@ -99,6 +108,14 @@ struct ExtensionProcess::Private : std::enable_shared_from_this<ExtensionProcess
                 return;
             }
             self->provider(className, parameters, answer);
+        };
+        dispatch_async(dispatch_get_main_queue(), [weak, serve] {
+            auto self = weak.lock();
+            if (self && !self->checkedIn) {
+                self->heldViews.push_back(serve);
+                return;
+            }
+            serve();
         });
     }
 
@@ -176,6 +193,7 @@ struct ExtensionProcess::Private : std::enable_shared_from_this<ExtensionProcess
         if (auto r = std::exchange(ready, nullptr)) {
             r(context, QString());
         }
+        serveHeldViews();
     }
 };
 

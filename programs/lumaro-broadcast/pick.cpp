@@ -56,6 +56,7 @@ int runPick(const QStringList& args, QTextStream& out, QTextStream& err) {
     parser.addOption({QStringLiteral("verbose"), QString()});
     parser.addOption({QStringLiteral("no-window"), QString()});
     parser.addOption({QStringLiteral("automation"), QString()});
+    parser.addOption({QStringLiteral("view-parameters"), QString()});
     if (!parser.parse(QStringList{QStringLiteral("pick")} + args)) {
         err << "lumaro-broadcast pick: " << parser.errorText() << " (see --help)\n";
         return kExitUsage;
@@ -137,6 +138,7 @@ int runPick(const QStringList& args, QTextStream& out, QTextStream& err) {
         qputenv("LUMARO_MENU_RECORD", QFile::encodeName(parser.value("record")));
     }
     options.showSheet = display && !parser.isSet("no-window");
+    options.viewParametersOnly = parser.isSet("view-parameters");
     const bool verbose = parser.isSet("verbose");
 
     auto request = std::make_shared<LMBroadcastHostRequest>(options);
@@ -162,6 +164,15 @@ int runPick(const QStringList& args, QTextStream& out, QTextStream& err) {
                 err << "lumaro-broadcast pick: no outcome: " << why << "\n";
                 status = kExitFailure;
                 done = true;
+            },
+        .viewArrived =
+            [&](double width, double height) {
+                if (options.viewParametersOnly) {
+                    out << "{\"view\": {\"width\": " << width << ", \"height\": " << height
+                        << "}}\n";
+                    out.flush();
+                    done = true;
+                }
             },
     });
     QString error;
@@ -220,7 +231,12 @@ const Command kPick{
     "  --timeout SECONDS      how long to wait for the outcome (default 30)\n"
     "  --verbose              print every message from the picker on standard error\n"
     "  --no-window            with a display, do not show the picker's view when it asks for\n"
-    "                         the sheet\n\n"
+    "                         the sheet\n"
+    "  --view-parameters      ask as a host that is not a Prism app: no input items, and the\n"
+    "                         picker's view asked for at once with view-service parameters\n"
+    "                         (\"isPrismApp\" \"NO\", --width, --height, the request's\n"
+    "                         identifier); prints {\"view\": {\"width\": ..., \"height\": ...}}\n"
+    "                         once the view arrives, and exits 0\n\n"
     "On a display (X11, or Wayland alone) the picker shows its real menu; the choice options set\n"
     "LUMARO_MENU_CHOOSE, and the entry is clicked once the menu is on screen. Without a display,\n"
     "or with --automation, they also set LUMARO_MENU_BACKEND=automation: nothing is shown and\n"

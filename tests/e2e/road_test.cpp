@@ -205,6 +205,25 @@ TEST_F(RoadTest, PrismServiceGetsNoClassNameAndNoClientParameters) {
 
 // The hand-off's two silent failures: the setup UI cannot start, or it has no controller of the
 // class asked for. One error line each; nothing reaches the daemon or the host.
+TEST_F(RoadTest, HostWithViewParametersAloneGetsTheStoryboardsControllerEmbedded) {
+    road.installService(kNorthwind);
+    const HostRun host = road.pick({"--view-parameters", "--width", "410", "--height", "250.5"});
+    ASSERT_TRUE(host.finished);
+    EXPECT_EQ(host.exitCode, 0) << host.standardError.toStdString();
+    const QJsonObject view = host.outcome().value("view").toObject();
+    EXPECT_EQ(view.value("width").toDouble(), 410.0) << host.standardOutput.toStdString();
+    EXPECT_EQ(view.value("height").toDouble(), 250.5);
+    // Two views loaded: the picker's, by the parameters, and that of the controller it took from
+    // its storyboard and embedded. No storyboard or context error, and no menu: nothing came
+    // from the host but the parameters.
+    EXPECT_EQ(host.countInLog(
+                  " [INFO] -[LMBroadcastActivityExtensionNSViewController loadView]:42 0x"),
+              2)
+        << host.standardError.toStdString();
+    EXPECT_EQ(host.countInLog(" [ERROR] "), 0);
+    EXPECT_TRUE(road.menuRecords().isEmpty());
+}
+
 TEST_F(RoadTest, HandOffFailuresLogOneLineAndReportNothing) {
     road.installService(Road::Service(kNorthwind, QStringLiteral("Northwind"), 1,
                                       QStringLiteral("ExampleSetupViewController"),
