@@ -4,18 +4,13 @@
 
 #include "platform/dispatch/dispatch.h"
 #include "platform/extension/NSExtension.h"
-#include "platform/extension/NSExtensionRequest.h"
+#include "platform/extension/NSExtensionRequest_p.h"
 #include "platform/log/os_log.h"
 #include "platform/xpc/NSInvocation.h"
 #include "platform/xpc/NSXPCConnection.h"
 
 namespace platform::extension {
 namespace {
-
-constexpr char kCheckIn[] = "_checkInWithRequestIdentifier:reply:";
-constexpr char kComplete[] = "_completeRequestReturningItems:reply:";
-constexpr char kCancel[] = "_cancelRequestWithError:reply:";
-constexpr char kRemoteView[] = "_remoteViewWithClassName:clientParameters:reply:";
 
 // How long the child waits for the host's answer to its check-in and to the request's end.
 constexpr int kHostAnswerTimeoutMs = 10000;
