@@ -38,6 +38,11 @@ inline constexpr NSRect NSMakeRect(double x, double y, double w, double h) {
     return {{x, y}, {w, h}};
 }
 
+// Whether every coordinate of the rectangle is a finite number.
+inline bool NSRectIsFinite(const NSRect& r) {
+    return std::isfinite(r.origin.x) && std::isfinite(r.origin.y) && std::isfinite(r.size.width) &&
+           std::isfinite(r.size.height);
+}
 inline constexpr double NSMinX(const NSRect& r) {
     return r.origin.x;
 }

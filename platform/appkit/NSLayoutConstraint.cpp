@@ -1,11 +1,38 @@
 #include "platform/appkit/NSLayoutConstraint.h"
 
 #include <cmath>
+#include <optional>
 
 #include "platform/appkit/NSView.h"
 #include "platform/log/os_log.h"
 
 namespace {
+
+// What the constraints ask of one axis of a view.
+struct AxisWish {
+    std::optional<double> leading;
+    std::optional<double> trailing;
+    std::optional<double> size;
+
+    void solve(double& origin, double& length) const {
+        if (leading && trailing) {
+            origin = *leading;
+            length = *trailing - *leading;
+        } else if (leading && size) {
+            origin = *leading;
+            length = *size;
+        } else if (trailing && size) {
+            origin = *trailing - *size;
+            length = *size;
+        } else if (leading) {
+            origin = *leading;
+        } else if (trailing) {
+            origin = *trailing - length;
+        } else if (size) {
+            length = *size;
+        }
+    }
+};
 
 bool isDimension(NSLayoutAttribute a) {
     return a == NSLayoutAttributeWidth || a == NSLayoutAttributeHeight;
@@ -193,4 +220,110 @@ QString NSLayoutConstraint::description() const {
         .arg(name(first_.lock()), QLatin1String(attributeName(firstAttribute_)),
              name(second_.lock()), QLatin1String(attributeName(secondAttribute_)))
         .arg(constant_);
+}
+
+// --- Layout: a view places its subviews that do not translate their masks from the constraints
+// that name them.
+
+void NSView::placeFromConstraints(NSView& view) {
+    // The value of an anchor of this view (its bounds) or of a sibling of `view` (its frame).
+    auto valueOf = [this](const NSView* item, NSLayoutAttribute attribute) -> double {
+        const NSRect r = item == this ? bounds() : item->frame_;
+        switch (attribute) {
+            case NSLayoutAttributeLeft:
+                return NSMinX(r);
+            case NSLayoutAttributeRight:
+                return NSMaxX(r);
+            case NSLayoutAttributeTop:
+                return NSMinY(r);
+            case NSLayoutAttributeBottom:
+                return NSMaxY(r);
+            case NSLayoutAttributeWidth:
+                return NSWidth(r);
+            case NSLayoutAttributeHeight:
+                return NSHeight(r);
+            default:
+                return 0;
+        }
+    };
+    AxisWish horizontal;
+    AxisWish vertical;
+    auto wish = [&](NSLayoutAttribute attribute, double value) {
+        switch (attribute) {
+            case NSLayoutAttributeLeft:
+                horizontal.leading = value;
+                break;
+            case NSLayoutAttributeRight:
+                horizontal.trailing = value;
+                break;
+            case NSLayoutAttributeWidth:
+                horizontal.size = value;
+                break;
+            case NSLayoutAttributeTop:
+                vertical.leading = value;
+                break;
+            case NSLayoutAttributeBottom:
+                vertical.trailing = value;
+                break;
+            case NSLayoutAttributeHeight:
+                vertical.size = value;
+                break;
+            default:
+                break;
+        }
+    };
+    auto consider = [&](const NSLayoutConstraint& c) {
+        if (!c.active_) {
+            return;
+        }
+        const auto first = c.first_.lock();
+        const auto second = c.second_.lock();
+        const NSView* other = nullptr;
+        NSLayoutAttribute own = NSLayoutAttributeNotAnAttribute;
+        NSLayoutAttribute otherAttribute = NSLayoutAttributeNotAnAttribute;
+        double sign = 1;
+        if (first.get() == &view) {
+            own = c.firstAttribute_;
+            other = second.get();
+            otherAttribute = c.secondAttribute_;
+        } else if (second.get() == &view) {
+            own = c.secondAttribute_;
+            other = first.get();
+            otherAttribute = c.firstAttribute_;
+            sign = -1;
+        } else {
+            return;
+        }
+        if (other == nullptr) {
+            if (c.secondAttribute_ == NSLayoutAttributeNotAnAttribute && first.get() == &view) {
+                wish(own, c.constant_);
+            }
+            return;
+        }
+        // Only this view or a sibling of `view` place it; a constraint between `view` and
+        // one of its own subviews places the subview.
+        if (other != this && other->superview_.lock().get() != this) {
+            return;
+        }
+        if (other == &view) {
+            return;
+        }
+        // Between siblings the first item is the one placed; the second is its reference.
+        if (sign < 0 && other != this) {
+            return;
+        }
+        wish(own, valueOf(other, otherAttribute) + sign * c.constant_);
+    };
+    for (const auto& c : constraints_) {
+        consider(*c);
+    }
+    for (const auto& c : view.constraints_) {
+        consider(*c);
+    }
+    NSRect f = view.frame_;
+    horizontal.solve(f.origin.x, f.size.width);
+    vertical.solve(f.origin.y, f.size.height);
+    if (NSRectIsFinite(f) && !(f == view.frame_)) {
+        view.applyFrame(f);
+    }
 }

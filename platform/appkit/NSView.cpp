@@ -10,11 +10,6 @@
 
 namespace {
 
-bool isFinite(const NSRect& r) {
-    return std::isfinite(r.origin.x) && std::isfinite(r.origin.y) && std::isfinite(r.size.width) &&
-           std::isfinite(r.size.height);
-}
-
 // A widget may be made only with a QApplication, on its thread.
 bool canMakeWidgets() {
     auto* app = qobject_cast<QApplication*>(QCoreApplication::instance());
@@ -39,39 +34,13 @@ void resizeAxis(double& origin, double& size, double delta, bool minFlexible, bo
     }
 }
 
-// What the constraints ask of one axis of a view.
-struct AxisWish {
-    std::optional<double> leading;
-    std::optional<double> trailing;
-    std::optional<double> size;
-
-    void solve(double& origin, double& length) const {
-        if (leading && trailing) {
-            origin = *leading;
-            length = *trailing - *leading;
-        } else if (leading && size) {
-            origin = *leading;
-            length = *size;
-        } else if (trailing && size) {
-            origin = *trailing - *size;
-            length = *size;
-        } else if (leading) {
-            origin = *leading;
-        } else if (trailing) {
-            origin = *trailing - length;
-        } else if (size) {
-            length = *size;
-        }
-    }
-};
-
 }  // namespace
 
 NSView::NSView(const NSRect& frame) : NSView(frame, nullptr) {}
 
 NSView::NSView(const NSRect& frame, QWidget* widget)
-    : frame_(isFinite(frame) ? frame : NSZeroRect) {
-    if (!isFinite(frame)) {
+    : frame_(NSRectIsFinite(frame) ? frame : NSZeroRect) {
+    if (!NSRectIsFinite(frame)) {
         os_log_error(OS_LOG_DEFAULT, "NSView: frame %s is not finite; using the zero rectangle",
                      NSStringFromRect(frame));
     }
@@ -110,7 +79,7 @@ std::shared_ptr<NSView> NSView::initWithFrame(const NSRect& frame) {
 }
 
 void NSView::setFrame(const NSRect& frame) {
-    if (!isFinite(frame)) {
+    if (!NSRectIsFinite(frame)) {
         os_log_error(OS_LOG_DEFAULT, "NSView: refusing frame %s: not finite",
                      NSStringFromRect(frame));
         return;
@@ -171,109 +140,6 @@ void NSView::layout() {
         }
     }
     inLayout_ = false;
-}
-
-void NSView::placeFromConstraints(NSView& view) {
-    // The value of an anchor of this view (its bounds) or of a sibling of `view` (its frame).
-    auto valueOf = [this](const NSView* item, NSLayoutAttribute attribute) -> double {
-        const NSRect r = item == this ? bounds() : item->frame_;
-        switch (attribute) {
-            case NSLayoutAttributeLeft:
-                return NSMinX(r);
-            case NSLayoutAttributeRight:
-                return NSMaxX(r);
-            case NSLayoutAttributeTop:
-                return NSMinY(r);
-            case NSLayoutAttributeBottom:
-                return NSMaxY(r);
-            case NSLayoutAttributeWidth:
-                return NSWidth(r);
-            case NSLayoutAttributeHeight:
-                return NSHeight(r);
-            default:
-                return 0;
-        }
-    };
-    AxisWish horizontal;
-    AxisWish vertical;
-    auto wish = [&](NSLayoutAttribute attribute, double value) {
-        switch (attribute) {
-            case NSLayoutAttributeLeft:
-                horizontal.leading = value;
-                break;
-            case NSLayoutAttributeRight:
-                horizontal.trailing = value;
-                break;
-            case NSLayoutAttributeWidth:
-                horizontal.size = value;
-                break;
-            case NSLayoutAttributeTop:
-                vertical.leading = value;
-                break;
-            case NSLayoutAttributeBottom:
-                vertical.trailing = value;
-                break;
-            case NSLayoutAttributeHeight:
-                vertical.size = value;
-                break;
-            default:
-                break;
-        }
-    };
-    auto consider = [&](const NSLayoutConstraint& c) {
-        if (!c.active_) {
-            return;
-        }
-        const auto first = c.first_.lock();
-        const auto second = c.second_.lock();
-        const NSView* other = nullptr;
-        NSLayoutAttribute own = NSLayoutAttributeNotAnAttribute;
-        NSLayoutAttribute otherAttribute = NSLayoutAttributeNotAnAttribute;
-        double sign = 1;
-        if (first.get() == &view) {
-            own = c.firstAttribute_;
-            other = second.get();
-            otherAttribute = c.secondAttribute_;
-        } else if (second.get() == &view) {
-            own = c.secondAttribute_;
-            other = first.get();
-            otherAttribute = c.firstAttribute_;
-            sign = -1;
-        } else {
-            return;
-        }
-        if (other == nullptr) {
-            if (c.secondAttribute_ == NSLayoutAttributeNotAnAttribute && first.get() == &view) {
-                wish(own, c.constant_);
-            }
-            return;
-        }
-        // Only this view or a sibling of `view` place it; a constraint between `view` and
-        // one of its own subviews places the subview.
-        if (other != this && other->superview_.lock().get() != this) {
-            return;
-        }
-        if (other == &view) {
-            return;
-        }
-        // Between siblings the first item is the one placed; the second is its reference.
-        if (sign < 0 && other != this) {
-            return;
-        }
-        wish(own, valueOf(other, otherAttribute) + sign * c.constant_);
-    };
-    for (const auto& c : constraints_) {
-        consider(*c);
-    }
-    for (const auto& c : view.constraints_) {
-        consider(*c);
-    }
-    NSRect f = view.frame_;
-    horizontal.solve(f.origin.x, f.size.width);
-    vertical.solve(f.origin.y, f.size.height);
-    if (isFinite(f) && !(f == view.frame_)) {
-        view.applyFrame(f);
-    }
 }
 
 void NSView::addSubview(const std::shared_ptr<NSView>& view) {
