@@ -1,11 +1,11 @@
 # The two commands of the README: `make demo` and `make test`. Everything else is a helper.
 JOBS ?= $(shell nproc)
-# Every test runs once: a failure has found something and is never run again to get green.
-CTEST := ctest --output-on-failure -j$(JOBS)
+# Every test runs once: a failure has found something and is never run again to get green. Each
+# build's tests run through its test preset, which holds their environment.
+CTEST := ctest -j$(JOBS) --preset
 # `make stress`: the concurrent and cross-process tests, N times each, stopping at the first failure.
 N ?= 20
 STRESS_TESTS := concurrent|xpc_tests|extension_runtime_tests|daemon_proxy_tests|e2e_tests|e2e_fault_tests
-LSAN_ENV := ASAN_OPTIONS=detect_leaks=1 LSAN_OPTIONS=suppressions=$(CURDIR)/cmake/lsan.supp
 
 .PHONY: all deps build build-asan build-tsan test test-default test-asan test-tsan stress demo bench package clean format tidy
 
@@ -21,21 +21,21 @@ build: deps build/default/build.ninja
 	@cmake --build --preset default -j$(JOBS)
 
 test-default: build
-	@cd build/default && $(CTEST)
+	@$(CTEST) default
 
 build/asan/build.ninja: | deps
 	@cmake --preset asan >/dev/null
 
 test-asan: deps build/asan/build.ninja
 	@cmake --build --preset asan -j$(JOBS)
-	@cd build/asan && $(LSAN_ENV) $(CTEST)
+	@$(CTEST) asan
 
 build/tsan/build.ninja: | deps
 	@cmake --preset tsan >/dev/null
 
 test-tsan: deps build/tsan/build.ninja
 	@cmake --build --preset tsan -j$(JOBS)
-	@cd build/tsan && $(CTEST) -L concurrent
+	@$(CTEST) tsan
 
 # Each build's tests run once; a failure in one build does not stop the others (make -k), and the
 # run fails at the end if any did.
@@ -47,8 +47,8 @@ build-asan build-tsan: build-%: deps build/%/build.ninja
 
 # For hunting lifetime and ordering faults, not for CI.
 stress: build-asan build-tsan
-	@cd build/asan && $(LSAN_ENV) $(CTEST) -R '$(STRESS_TESTS)' --repeat until-fail:$(N)
-	@cd build/tsan && $(CTEST) -L concurrent --repeat until-fail:$(N)
+	@$(CTEST) asan -R '$(STRESS_TESTS)' --repeat until-fail:$(N)
+	@$(CTEST) tsan --repeat until-fail:$(N)
 
 demo: build
 	@scripts/demo.sh build/default

@@ -13,13 +13,26 @@ endif()
 # Every test binary that exercises threads is labelled "concurrent"; the thread-sanitizer
 # build builds and runs only those.
 add_custom_target(concurrent_tests)
-set(LUMARO_TSAN_SUPPRESSIONS ${PROJECT_SOURCE_DIR}/cmake/tsan.supp)
 
-# lumaro_library(NAME SOURCES ... LIBS ...)
+# lumaro_expose(TARGET SCOPE FOLDER): the headers of FOLDER, included by their path from the
+# repository root ("platform/appkit/NSView.h"), and no others: TARGET's include root in the build
+# tree holds a single link, to FOLDER. SCOPE is that of target_include_directories. A file that
+# includes a header of a library its target does not link fails to compile, so no layer reaches
+# into one it does not depend on.
+function(lumaro_expose target scope folder)
+  file(RELATIVE_PATH relative ${PROJECT_SOURCE_DIR} ${folder})
+  set(root ${PROJECT_BINARY_DIR}/include-roots/${target})
+  get_filename_component(parent ${root}/${relative} DIRECTORY)
+  file(MAKE_DIRECTORY ${parent})
+  file(CREATE_LINK ${folder} ${root}/${relative} SYMBOLIC)
+  target_include_directories(${target} ${scope} $<BUILD_INTERFACE:${root}>)
+endfunction()
+
+# lumaro_library(NAME SOURCES ... LIBS ...): a static library of the calling folder.
 function(lumaro_library name)
   cmake_parse_arguments(ARG "" "" "SOURCES;LIBS" ${ARGN})
   add_library(${name} STATIC ${ARG_SOURCES})
-  target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR})
+  lumaro_expose(${name} PUBLIC ${CMAKE_CURRENT_SOURCE_DIR})
   target_compile_options(${name} PRIVATE ${LUMARO_WARNINGS})
   target_link_libraries(${name} PUBLIC ${ARG_LIBS})
 endfunction()
@@ -28,6 +41,7 @@ endfunction()
 function(lumaro_program name)
   cmake_parse_arguments(ARG "" "" "SOURCES;LIBS" ${ARGN})
   add_executable(${name} ${ARG_SOURCES})
+  lumaro_expose(${name} PRIVATE ${CMAKE_CURRENT_SOURCE_DIR})
   target_compile_options(${name} PRIVATE ${LUMARO_WARNINGS})
   target_link_libraries(${name} PRIVATE ${ARG_LIBS})
 endfunction()
@@ -41,48 +55,29 @@ function(lumaro_test name)
     return()
   endif()
   add_executable(${name} ${ARG_SOURCES})
+  lumaro_expose(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests)
   target_compile_options(${name} PRIVATE ${LUMARO_WARNINGS})
   target_link_libraries(${name} PRIVATE ${ARG_LIBS} GTest::gtest GTest::gmock)
   if(ARG_DEPENDS)
     add_dependencies(${name} ${ARG_DEPENDS})
   endif()
+  # The environment every test runs in (offscreen Qt, the build and source folders, the
+  # sanitizers' options) is the test preset's: `ctest --preset NAME`.
   add_test(NAME ${name} COMMAND ${name})
-  set(env QT_QPA_PLATFORM=offscreen LUMARO_BUILD_DIR=${PROJECT_BINARY_DIR}
-      LUMARO_SOURCE_DIR=${PROJECT_SOURCE_DIR}
-      TSAN_OPTIONS=suppressions=${LUMARO_TSAN_SUPPRESSIONS}:halt_on_error=1:second_deadlock_stack=1
-      ${ARG_ENV})
-  set_tests_properties(${name} PROPERTIES ENVIRONMENT "${env}" TIMEOUT 300)
+  set_tests_properties(${name} PROPERTIES TIMEOUT 300)
+  if(ARG_ENV)
+    set_tests_properties(${name} PROPERTIES ENVIRONMENT "${ARG_ENV}")
+  endif()
   if(ARG_CONCURRENT)
     set_tests_properties(${name} PROPERTIES LABELS concurrent)
     add_dependencies(concurrent_tests ${name})
   endif()
 endfunction()
 
-# lumaro_folder_library(NAME LIBS ... [OPTIONAL_LIBS ...]): a library of every .cpp in the calling
-# folder, so that several people can add files to one folder without editing its build file.
-# OPTIONAL_LIBS are linked when they exist as targets by then.
+# lumaro_folder_library(NAME LIBS ...): a library of every .cpp in the calling folder, so that
+# several people can add files to one folder without editing its build file.
 function(lumaro_folder_library name)
-  cmake_parse_arguments(ARG "" "" "LIBS;OPTIONAL_LIBS" ${ARGN})
+  cmake_parse_arguments(ARG "" "" "LIBS" ${ARGN})
   file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*.cpp)
-  if(NOT sources)
-    return()  # nothing written here yet
-  endif()
-  set(libs ${ARG_LIBS})
-  foreach(lib ${ARG_OPTIONAL_LIBS})
-    if(TARGET ${lib})
-      list(APPEND libs ${lib})
-    endif()
-  endforeach()
-  lumaro_library(${name} SOURCES ${sources} LIBS ${libs})
-endfunction()
-
-# Adds every subfolder of the calling folder that has a CMakeLists.txt.
-function(lumaro_add_subfolders)
-  file(GLOB children RELATIVE ${CMAKE_CURRENT_SOURCE_DIR} CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*)
-  list(SORT children)
-  foreach(child ${children})
-    if(EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/${child}/CMakeLists.txt)
-      add_subdirectory(${child})
-    endif()
-  endforeach()
+  lumaro_library(${name} SOURCES ${sources} LIBS ${ARG_LIBS})
 endfunction()

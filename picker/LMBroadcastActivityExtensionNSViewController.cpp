@@ -274,11 +274,3 @@ void LMBroadcastPickerRegisterClasses() {
         [] { return std::make_shared<LMBroadcastActivityExtensionNSViewController>(); });
     LMBroadcastActivityViewServiceExtensionContextRegisterClass();
 }
-
-namespace {
-// Static registration at start-up.
-const bool kRegistered = [] {
-    LMBroadcastPickerRegisterClasses();
-    return true;
-}();
-}  // namespace

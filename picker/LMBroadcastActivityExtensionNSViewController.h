@@ -146,5 +146,6 @@ private:
 
 // Registers the controller class under its name with the storyboard registry (the storyboard
 // "BroadcastSetup" and the manifest's principal class name it), and the extension context class
-// with the runtime. Runs by itself at start-up; calling it again is harmless.
+// with the runtime. The picker's program calls it before NSExtensionMain; calling it again is
+// harmless.
 void LMBroadcastPickerRegisterClasses();

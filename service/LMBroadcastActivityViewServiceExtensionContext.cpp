@@ -74,11 +74,3 @@ void LMBroadcastActivityViewServiceExtensionContextRegisterClass() {
     NSExtensionRegisterContextClass(kLMBroadcastActivityViewServiceExtensionContextClassName,
                                     LMBroadcastActivityViewServiceExtensionContext::contextClass());
 }
-
-namespace {
-// Static registration at start-up.
-const bool kRegistered = [] {
-    LMBroadcastActivityViewServiceExtensionContextRegisterClass();
-    return true;
-}();
-}  // namespace

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "picker/LMBroadcastActivityExtensionNSViewController.h"
 #include "platform/appkit/NSExtensionMain.h"
 
 int main(int argc, char** argv) {
@@ -18,5 +19,6 @@ int main(int argc, char** argv) {
             return 0;
         }
     }
+    LMBroadcastPickerRegisterClasses();
     return NSExtensionMain(argc, argv);
 }

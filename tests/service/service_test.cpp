@@ -29,7 +29,8 @@ TEST(ExtensionContextTest, SharedContextIsEmptyBeforeAndReplacedByEveryNewContex
     EXPECT_EQ(first->_UUID(), uuid);
     EXPECT_FALSE(first->remoteProxy());  // no auxiliary connection
 
-    // The runtime makes the class by name, with its two hooks.
+    // The runtime makes the class by name, with its two hooks, once it is registered.
+    LMBroadcastActivityViewServiceExtensionContextRegisterClass();
     const NSExtensionContextClass* cls =
         NSExtensionLookupContextClass("LMBroadcastActivityViewServiceExtensionContext");
     ASSERT_TRUE(cls && cls->alloc && cls->_extensionAuxiliaryHostProtocol &&
