@@ -292,8 +292,18 @@ void NSXPCConnection::send(std::string_view selector, const QVariantList& argume
         fail(errorHandler, NSXPCConnectionInvalid, QStringLiteral("unknown selector"));
         return;
     }
-    auto wire = platform::xpc::toWireList(arguments, method->arguments);
-    if (!wire) {
+    // Each value is converted into the message's own list, made once at its final size.
+    QVariantList wire;
+    bool convertible = size_t(arguments.size()) == method->arguments.size();
+    wire.reserve(arguments.size());
+    for (size_t i = 0; convertible && i < method->arguments.size(); ++i) {
+        auto value = platform::xpc::toWire(arguments[qsizetype(i)], method->arguments[i]);
+        if (value) {
+            wire.push_back(std::move(*value));
+        }
+        convertible = value.has_value();
+    }
+    if (!convertible) {
         os_log_error(OS_LOG_DEFAULT, "NSXPCConnection: arguments of %s do not match the interface",
                      std::string(selector));
         fail(errorHandler, NSXPCConnectionInvalid, QStringLiteral("arguments cannot be sent"));
@@ -305,8 +315,8 @@ void NSXPCConnection::send(std::string_view selector, const QVariantList& argume
     }
     QDBusMessage message =
         QDBusMessage::createMethodCall(d_->serviceName, iface->objectPath(), iface->dbusInterface(),
-                                       platform::xpc::memberForSelector(selector));
-    message.setArguments(*wire);
+                                       iface->memberForMethod(*method));
+    message.setArguments(wire);  // shares the list: nothing is copied
     auto* receiver =
         new CallReceiver(weak_from_this(), method, std::move(reply), errorHandler, d_->pending);
     platform::xpc::MarkedLock lock(d_->mutex);  // held calls go out first, and in order

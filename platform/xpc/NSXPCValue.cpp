@@ -6,6 +6,7 @@
 #include <QDBusMetaType>
 #include <QDBusVariant>
 #include <QStringList>
+#include <algorithm>
 #include <cmath>
 #include <limits>
 #include <mutex>
@@ -62,6 +63,36 @@ bool fitsIn(const QVariant& v, int64_t low, int64_t high) {
 
 QVariant errorToMap(const NSError& error);
 
+// Whether sanitize() would give `v` back as it is: then a dictionary or array need not be copied
+// value by value.
+bool isPlain(const QVariant& v) {
+    switch (v.typeId()) {
+        case QMetaType::Bool:
+        case QMetaType::Int:
+        case QMetaType::UInt:
+        case QMetaType::LongLong:
+        case QMetaType::ULongLong:
+        case QMetaType::Double:
+        case QMetaType::QString:
+        case QMetaType::QByteArray:
+        case QMetaType::UChar:
+        case QMetaType::Short:
+        case QMetaType::UShort:
+        case QMetaType::QStringList:
+            return true;
+        case QMetaType::QVariantMap: {
+            const auto& map = *static_cast<const QVariantMap*>(v.constData());
+            return std::all_of(map.cbegin(), map.cend(), isPlain);
+        }
+        case QMetaType::QVariantList: {
+            const auto& list = *static_cast<const QVariantList*>(v.constData());
+            return std::all_of(list.cbegin(), list.cend(), isPlain);
+        }
+        default:
+            return false;
+    }
+}
+
 // A value inside a dictionary or array in a form QtDBus marshals; an invalid QVariant means
 // "leave it out" (libdbus aborts the process on a null inside a map).
 QVariant sanitize(const QVariant& v) {
@@ -104,6 +135,9 @@ QVariant sanitize(const QVariant& v) {
         case QMetaType::QStringList:
             return v;
         case QMetaType::QVariantMap: {
+            if (isPlain(v)) {
+                return v;
+            }
             QVariantMap out;
             const QVariantMap in = v.toMap();
             for (auto it = in.cbegin(); it != in.cend(); ++it) {
@@ -115,6 +149,9 @@ QVariant sanitize(const QVariant& v) {
             return out;
         }
         case QMetaType::QVariantList: {
+            if (isPlain(v)) {
+                return v;
+            }
             QVariantList out;
             for (const QVariant& item : v.toList()) {
                 QVariant s = sanitize(item);
@@ -453,16 +490,14 @@ std::optional<QVariantList> convertList(const QVariantList& values,
 
 std::optional<QVariantList> fromWireList(const QVariantList& wire,
                                          const std::vector<NSXPCType>& types) {
-    return convertList(wire, types, [](const QVariant& v, const NSXPCType& t) {
-        return fromWire(v, t);
-    });
+    return convertList(wire, types,
+                       [](const QVariant& v, const NSXPCType& t) { return fromWire(v, t); });
 }
 
 std::optional<QVariantList> toWireList(const QVariantList& values,
                                        const std::vector<NSXPCType>& types) {
-    return convertList(values, types, [](const QVariant& v, const NSXPCType& t) {
-        return toWire(v, t);
-    });
+    return convertList(values, types,
+                       [](const QVariant& v, const NSXPCType& t) { return toWire(v, t); });
 }
 
 }  // namespace platform::xpc
