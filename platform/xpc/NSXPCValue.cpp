@@ -63,10 +63,9 @@ bool fitsIn(const QVariant& v, int64_t low, int64_t high) {
 
 QVariant errorToMap(const NSError& error);
 
-// Whether sanitize() would give `v` back as it is: then a dictionary or array need not be copied
-// value by value.
-bool isPlain(const QVariant& v) {
-    switch (v.typeId()) {
+// The types QtDBus marshals as they are.
+bool travelsAsIs(int typeId) {
+    switch (typeId) {
         case QMetaType::Bool:
         case QMetaType::Int:
         case QMetaType::UInt:
@@ -80,17 +79,23 @@ bool isPlain(const QVariant& v) {
         case QMetaType::UShort:
         case QMetaType::QStringList:
             return true;
-        case QMetaType::QVariantMap: {
-            const auto& map = *static_cast<const QVariantMap*>(v.constData());
-            return std::all_of(map.cbegin(), map.cend(), isPlain);
-        }
-        case QMetaType::QVariantList: {
-            const auto& list = *static_cast<const QVariantList*>(v.constData());
-            return std::all_of(list.cbegin(), list.cend(), isPlain);
-        }
         default:
             return false;
     }
+}
+
+// Whether sanitize() would give `v` back as it is: then a dictionary or array need not be copied
+// value by value.
+bool isPlain(const QVariant& v) {
+    if (v.typeId() == QMetaType::QVariantMap) {
+        const auto& map = *static_cast<const QVariantMap*>(v.constData());
+        return std::all_of(map.cbegin(), map.cend(), isPlain);
+    }
+    if (v.typeId() == QMetaType::QVariantList) {
+        const auto& list = *static_cast<const QVariantList*>(v.constData());
+        return std::all_of(list.cbegin(), list.cend(), isPlain);
+    }
+    return travelsAsIs(v.typeId());
 }
 
 // A value inside a dictionary or array in a form QtDBus marshals; an invalid QVariant means
@@ -108,19 +113,10 @@ QVariant sanitize(const QVariant& v) {
             return {};
         }
     }
+    if (travelsAsIs(v.typeId())) {
+        return v;
+    }
     switch (v.typeId()) {
-        case QMetaType::Bool:
-        case QMetaType::Int:
-        case QMetaType::UInt:
-        case QMetaType::LongLong:
-        case QMetaType::ULongLong:
-        case QMetaType::Double:
-        case QMetaType::QString:
-        case QMetaType::QByteArray:
-        case QMetaType::UChar:
-        case QMetaType::Short:
-        case QMetaType::UShort:
-            return v;
         case QMetaType::Float:
             return v.toDouble();
         case QMetaType::Char:
@@ -132,8 +128,6 @@ QVariant sanitize(const QVariant& v) {
             return v.toULongLong();
         case QMetaType::QUrl:
             return v.toUrl().toString(QUrl::FullyEncoded);
-        case QMetaType::QStringList:
-            return v;
         case QMetaType::QVariantMap: {
             if (isPlain(v)) {
                 return v;
@@ -490,14 +484,16 @@ std::optional<QVariantList> convertList(const QVariantList& values,
 
 std::optional<QVariantList> fromWireList(const QVariantList& wire,
                                          const std::vector<NSXPCType>& types) {
-    return convertList(wire, types,
-                       [](const QVariant& v, const NSXPCType& t) { return fromWire(v, t); });
+    return convertList(wire, types, [](const QVariant& v, const NSXPCType& t) {
+        return fromWire(v, t);
+    });
 }
 
 std::optional<QVariantList> toWireList(const QVariantList& values,
                                        const std::vector<NSXPCType>& types) {
-    return convertList(values, types,
-                       [](const QVariant& v, const NSXPCType& t) { return toWire(v, t); });
+    return convertList(values, types, [](const QVariant& v, const NSXPCType& t) {
+        return toWire(v, t);
+    });
 }
 
 }  // namespace platform::xpc
