@@ -121,23 +121,25 @@ void LMDaemonProxy::connection(NSXPCConnection*, NSInvocation& invocation, bool 
 void LMDaemonProxy::request(const LMDaemonRequest& row, int line, const QVariantList& args,
                             NSXPCBlock reply) {
     logEntry(row, line);
-    connection_->remoteObjectProxyWithErrorHandler(errorHandlerFor(row, line))
-        ->send(row.selector, args, std::move(reply));
+    // A proxy of its own for each request, as the error handler is the request's; it lives only
+    // for the send.
+    NSXPCRemoteObjectProxy(connection_, errorHandlerFor(row, line))
+        .send(row.selector, args, std::move(reply));
 }
 
 void LMDaemonProxy::fileRequest(const LMDaemonRequest& row, int line, const QUrl& url,
                                 QVariantList args, qsizetype tokenIndex, NSXPCBlock reply) {
     logEntry(row, line);
     const QString token = issueSandboxExtensionForClientFileWrite(url);
-    auto proxy = connection_->remoteObjectProxyWithErrorHandler(errorHandlerFor(row, line));
+    NSXPCRemoteObjectProxy proxy(connection_, errorHandlerFor(row, line));
     if (!token.isNull()) {
         args.insert(tokenIndex, token);
-        proxy->send(row.tokenSelector, args, std::move(reply));
+        proxy.send(row.tokenSelector, args, std::move(reply));
         return;
     }
     LM_LOG_ERROR_AT(row.method.c_str(), line, "error issuing sandbox extension for client file %@",
                     url);
-    proxy->send(row.selector, args, std::move(reply));
+    proxy.send(row.selector, args, std::move(reply));
 }
 
 // --- The catalogue.

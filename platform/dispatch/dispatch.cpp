@@ -7,7 +7,8 @@
 #include <QCoreApplication>
 #include <QDeadlineTimer>
 #include <QEventLoop>
-#include <QThread>
+#include <QTimer>
+#include <algorithm>
 #include <condition_variable>
 #include <deque>
 #include <string>
@@ -203,12 +204,22 @@ namespace platform::dispatch {
 
 bool runMainLoopUntil(const std::function<bool()>& done, int timeoutMs) {
     QDeadlineTimer deadline(timeoutMs);
+    // The loop sleeps until an event comes rather than polling, so a waiting process takes no
+    // processor time from the ones it waits for. What another thread changes without posting an
+    // event is seen at the next wake-up: after 1 ms at first, then less often, at most 8 ms.
+    QTimer wake;
+    wake.setSingleShot(true);
+    int interval = 1;
     while (!done()) {
         if (deadline.hasExpired()) {
             return done();
         }
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
-        QThread::usleep(500);
+        if (!wake.isActive()) {
+            const qint64 left = deadline.remainingTime();  // -1: no deadline
+            wake.start(left < 0 ? interval : int(std::min<qint64>(interval, left)));
+            interval = std::min(interval * 2, 8);
+        }
+        QCoreApplication::processEvents(QEventLoop::AllEvents | QEventLoop::WaitForMoreEvents);
     }
     return true;
 }

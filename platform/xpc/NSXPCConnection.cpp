@@ -1,31 +1,20 @@
 #include "platform/xpc/NSXPCConnection.h"
 
-#include <QCoreApplication>
 #include <QDBusPendingCallWatcher>
-#include <QDBusServer>
-#include <QDBusServiceWatcher>
-#include <QDir>
-#include <QFile>
-#include <QFileInfo>
-#include <QMetaObject>
 #include <QPointer>
-#include <cctype>
 #include <climits>
-#include <condition_variable>
-#include <deque>
-#include <thread>
-#include <cstdlib>
-#include <cstring>
-#include <map>
 #include <optional>
 
 #include "platform/log/os_log.h"
 #include "platform/xpc/NSXPCConnection_p.h"
 
 using platform::xpc::CallReceiver;
+using platform::xpc::connectionError;
 using platform::xpc::ConnectionThread;
 using platform::xpc::ExportedObjectAdaptor;
-using platform::xpc::ListenerAdaptor;
+using platform::xpc::gBusNameCounter;
+using platform::xpc::kReplyInvalidErrorName;
+using platform::xpc::startQueue;
 
 namespace {
 
@@ -33,238 +22,19 @@ namespace {
 // timeout of our own; a peer that leaves the bus ends the call with an error.
 constexpr int kNoTimeout = INT_MAX;
 
-thread_local ConnectionThread* tCurrentThread = nullptr;
 std::atomic<int> gConnectionsCreated{0};
-std::atomic<int> gBusNameCounter{0};
-
-NSErrorPtr connectionError(int64_t code, const QString& why) {
-    QVariantMap info;
-    if (!why.isEmpty()) {
-        info.insert(NSLocalizedDescriptionKey, why);
-    }
-    return NSError::errorWithDomain(NSPlatformErrorDomain, code, info);
-}
-
-// The error a peer answers with when its reply block was called with values that do not match the
-// interface: the caller sees the same code as for such a reply arriving.
-const QString kReplyInvalidErrorName = QStringLiteral("com.vantor.xpc.Error.ReplyInvalid");
-
-int64_t codeForBusError(const QDBusError& error) {
-    if (error.name() == kReplyInvalidErrorName) {
-        return NSXPCConnectionReplyInvalid;
-    }
-    switch (error.type()) {
-        case QDBusError::NoReply:
-        case QDBusError::Disconnected:
-        case QDBusError::Timeout:
-        case QDBusError::TimedOut:
-            return NSXPCConnectionInterrupted;
-        default:
-            return NSXPCConnectionInvalid;
-    }
-}
-
-bool isBusHousekeeping(const QDBusMessage& message) {
-    const QString iface = message.interface();
-    return iface == QLatin1String("org.freedesktop.DBus.Introspectable") ||
-           iface == QLatin1String("org.freedesktop.DBus.Peer") ||
-           iface == QLatin1String("org.freedesktop.DBus.Properties");
-}
 
 }  // namespace
 
-struct NSXPCConnection::Private {
-    // MachService and Peer connect by themselves (a bus name, a listener's endpoint); Accepted
-    // shares its listener's bus, AcceptedPeer is the link a peer made to an anonymous listener.
-    enum class Kind { MachService, Peer, Accepted, AcceptedPeer };
-    Kind kind = Kind::MachService;
-    QString serviceName;
-    QString peerAddress;
-    uint64_t options = 0;
-
-    mutable std::mutex mutex;
-    std::shared_ptr<NSXPCInvocationTarget> exportedObject;
-    std::shared_ptr<NSXPCInterface> exportedInterface;
-    std::shared_ptr<NSXPCInterface> remoteInterface;
-    std::weak_ptr<NSXPCConnectionDelegate> delegate;
-    std::optional<QDBusConnection> bus;
-    QString busName;
-    bool ownsBus = false;
-    bool resumed = false;
-    bool invalidated = false;
-
-    ConnectionThread* thread = nullptr;
-    ExportedObjectAdaptor* adaptor = nullptr;
-    // A link to a listener's endpoint: calls wait until the listener has let the link in.
-    bool linkLetIn = true;
-    QPointer<QObject> linkCheck;  // the ping that finds out, on the connection's queue
-    std::vector<std::pair<QDBusMessage, QPointer<CallReceiver>>> held;
-    std::shared_ptr<platform::xpc::PendingCalls> pending =
-        std::make_shared<platform::xpc::PendingCalls>();
-};
-
 namespace platform::xpc {
 
-void QueueContext::post(std::function<void()> block) {
-    {
-        platform::xpc::MarkedLock lock(mutex_);
-        blocks_.push_back(std::move(block));
-    }
-    auto* wake = new QEvent(QEvent::User);
-    handOver(this);
-    QCoreApplication::postEvent(this, wake);
-}
+std::atomic<int> gBusNameCounter{0};
 
-bool QueueContext::event(QEvent* event) {
-    takeOver(this);
-    if (event->type() != QEvent::User) {
-        return QObject::event(event);
-    }
-    std::function<void()> block;
-    {
-        platform::xpc::MarkedLock lock(mutex_);
-        if (blocks_.empty()) {
-            return true;
-        }
-        block = std::move(blocks_.front());
-        blocks_.pop_front();
-    }
-    block();
-    return true;
-}
-
-ConnectionThread::ConnectionThread(NSXPCConnection* o, const QString& label) : owner(o) {
-    setObjectName(label);
-}
-
-void ConnectionThread::run() {
-    tCurrentThread = this;
-    exec();
-    // What the queue deletes last goes now, and whoever joins the thread takes over after it
-    // (Qt's join is out of the thread sanitizer's sight).
-    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
-    tCurrentThread = nullptr;
-    handOver(this);
-}
-
-CallReceiver::CallReceiver(std::weak_ptr<NSXPCConnection> connection,
-                           const NSXPCMethodDescription* method, NSXPCBlock reply,
-                           NSXPCErrorHandler errorHandler, std::shared_ptr<PendingCalls> pending)
-    : connection_(std::move(connection)),
-      method_(method),
-      reply_(std::move(reply)),
-      errorHandler_(std::move(errorHandler)),
-      pending_(std::move(pending)) {
-    PendingCalls::Lock lock(*pending_);
-    pending_->live.insert(this);
-}
-
-CallReceiver::~CallReceiver() {
-    PendingCalls::Lock lock(*pending_);
-    pending_->live.erase(this);
-}
-
-bool CallReceiver::finish() {
-    if (done_) {
-        return false;
-    }
-    done_ = true;
-    handOver(this);
-    deleteLater();  // on this thread, which is the receiver's own
-    return true;
-}
-
-void CallReceiver::watch(const QDBusPendingCall& call) {
-    takeOver(this);
-    watcher_ = new ReplyWatcher(call, this);
-    QObject::connect(watcher_, &QDBusPendingCallWatcher::finished, this,
-                     [this](QDBusPendingCallWatcher* finished) { onFinished(finished->reply()); });
-    if (watcher_->isFinished()) {
-        // Over before it was watched (the bus refused it): QtDBus announces that on the sender's
-        // thread, which may run no event loop. The answer comes once either way (see finish()).
-        QMetaObject::invokeMethod(
-            this, [this] { onFinished(watcher_->reply()); }, Qt::QueuedConnection);
-    }
-}
-
-void CallReceiver::handTo(QThread* thread) {
-    // Marked before the move, after the last read of our own: the answer may be waiting
-    // already, and run there at once.
-    if (watcher_ != nullptr) {
-        handOver(watcher_);
-    }
-    handOver(this);
-    moveToThread(thread);  // its watcher, a child, moves with it
-}
-
-void CallReceiver::fail(int64_t code, const QString& why) {
-    if (finish() && errorHandler_) {
-        errorHandler_(connectionError(code, why));
-    }
-}
-
-void CallReceiver::onFinished(const QDBusMessage& answer) {
-    takeOver(this);
-    if (answer.type() != QDBusMessage::ReplyMessage) {
-        const QDBusError error(answer);
-        if (finish() && errorHandler_) {
-            errorHandler_(connectionError(codeForBusError(error), error.message()));
-        }
-        return;
-    }
-    if (!finish() || !method_->hasReply) {
-        return;  // a method without a reply block: its empty return only confirms delivery
-    }
-    auto params = fromWireList(answer.arguments(), method_->replyArguments);
-    if (!params) {
-        os_log_error(OS_LOG_DEFAULT, "NSXPCConnection: reply to %s does not match its block (%s)",
-                     std::string(method_->selector), answer.signature());
-        if (errorHandler_) {
-            errorHandler_(connectionError(NSXPCConnectionReplyInvalid,
-                                          QStringLiteral("reply does not match its block")));
-        }
-        return;
-    }
-    NSInvocation invocation(
-        QString::fromLatin1(method_->selector.data(), qsizetype(method_->selector.size())), *params,
-        std::make_shared<NSXPCBlockTarget>(std::move(reply_)));
-    if (auto connection = connection_.lock()) {
-        connection->deliver(invocation, true);
-    } else {
-        invocation.invoke();
-    }
-}
-
-QString ExportedObjectAdaptor::introspect(const QString&) const {
-    auto connection = connection_.lock();
-    auto iface = connection ? connection->exportedInterface() : nullptr;
-    return iface ? iface->introspectionXml() : QString();
-}
-
-bool ExportedObjectAdaptor::handleMessage(const QDBusMessage& message, const QDBusConnection&) {
-    if (isBusHousekeeping(message)) {
-        return false;
-    }
-    auto connection = connection_.lock();
-    if (!connection) {
-        return false;
-    }
-    message.setDelayedReply(true);
-    connection->handleIncoming(message);  // this object lives on the connection's queue
-    return true;
-}
-
-QString ListenerAdaptor::introspect(const QString& path) const {
-    return interface && path == interface->objectPath() ? interface->introspectionXml() : QString();
-}
-
-bool ListenerAdaptor::handleMessage(const QDBusMessage& message, const QDBusConnection&) {
-    if (isBusHousekeeping(message)) {
-        return false;
-    }
-    message.setDelayedReply(true);
-    listener_->route(message);
-    return true;
+void startQueue(NSXPCConnection* connection, NSXPCConnection::Private& d, const QString& label) {
+    d.thread = new ConnectionThread(connection, label);
+    d.thread->context = new platform::xpc::QueueContext();
+    d.thread->context->moveToThread(d.thread);
+    d.thread->start();
 }
 
 }  // namespace platform::xpc
@@ -274,14 +44,6 @@ bool ListenerAdaptor::handleMessage(const QDBusMessage& message, const QDBusConn
 NSXPCConnection::NSXPCConnection() : d_(std::make_unique<Private>()) {
     platform::xpc::registerMetaTypes();
     gConnectionsCreated.fetch_add(1);
-}
-
-static void startQueue(NSXPCConnection* connection, NSXPCConnection::Private& d,
-                       const QString& label) {
-    d.thread = new ConnectionThread(connection, label);
-    d.thread->context = new platform::xpc::QueueContext();
-    d.thread->context->moveToThread(d.thread);
-    d.thread->start();
 }
 
 std::shared_ptr<NSXPCConnection> NSXPCConnection::initWithMachServiceName(const QString& name,
@@ -302,58 +64,6 @@ std::shared_ptr<NSXPCConnection> NSXPCConnection::initWithListenerEndpoint(
     startQueue(c.get(), *c->d_, QStringLiteral("xpc.connection.peer"));
     return c;
 }
-
-namespace platform::xpc {
-
-// Joins and deletes the threads of connections that were destroyed on their own queue, where a
-// thread cannot wait for itself. Joined at process exit.
-class ThreadReaper {
-public:
-    static ThreadReaper& instance() {
-        static ThreadReaper reaper;
-        return reaper;
-    }
-    void add(QThread* thread) {
-        {
-            platform::xpc::MarkedLock lock(mutex_);
-            threads_.push_back(thread);
-        }
-        wake_.notify_one();
-    }
-    ~ThreadReaper() {
-        {
-            platform::xpc::MarkedLock lock(mutex_);
-            stopping_ = true;
-        }
-        wake_.notify_one();
-        worker_.join();
-    }
-
-private:
-    ThreadReaper() : worker_([this] { run(); }) {}
-    void run() {
-        std::unique_lock lock(mutex_);
-        for (;;) {
-            wake_.wait(lock, [this] { return stopping_ || !threads_.empty(); });
-            if (threads_.empty()) {
-                return;  // stopping, and every thread handed over is joined
-            }
-            QThread* thread = threads_.front();
-            threads_.pop_front();
-            lock.unlock();
-            thread->wait();
-            delete thread;
-            lock.lock();
-        }
-    }
-    std::mutex mutex_;
-    std::condition_variable wake_;
-    std::deque<QThread*> threads_;
-    bool stopping_ = false;
-    std::thread worker_;
-};
-
-}  // namespace platform::xpc
 
 NSXPCConnection::~NSXPCConnection() {
     invalidate();
@@ -381,7 +91,7 @@ NSXPCConnection::~NSXPCConnection() {
     };
     if (QThread::currentThread() == thread) {
         last();  // destroyed from a block on its own queue: the reaper joins the thread
-        platform::xpc::ThreadReaper::instance().add(thread);
+        platform::xpc::reapThread(thread);
         return;
     }
     // Once the application has gone its queue may take no more blocks: quit anyway, and what the
@@ -530,7 +240,8 @@ std::shared_ptr<NSXPCRemoteObjectProxy> NSXPCConnection::remoteObjectProxyWithEr
 }
 
 NSXPCConnection* NSXPCConnection::currentConnection() {
-    return tCurrentThread != nullptr ? tCurrentThread->owner.load() : nullptr;
+    ConnectionThread* thread = ConnectionThread::current();
+    return thread != nullptr ? thread->owner.load() : nullptr;
 }
 
 QString NSXPCConnection::queueLabel() const {
@@ -581,8 +292,18 @@ void NSXPCConnection::send(std::string_view selector, const QVariantList& argume
         fail(errorHandler, NSXPCConnectionInvalid, QStringLiteral("unknown selector"));
         return;
     }
-    auto wire = platform::xpc::toWireList(arguments, method->arguments);
-    if (!wire) {
+    // Each value is converted into the message's own list, made once at its final size.
+    QVariantList wire;
+    bool convertible = size_t(arguments.size()) == method->arguments.size();
+    wire.reserve(arguments.size());
+    for (size_t i = 0; convertible && i < method->arguments.size(); ++i) {
+        auto value = platform::xpc::toWire(arguments[qsizetype(i)], method->arguments[i]);
+        if (value) {
+            wire.push_back(std::move(*value));
+        }
+        convertible = value.has_value();
+    }
+    if (!convertible) {
         os_log_error(OS_LOG_DEFAULT, "NSXPCConnection: arguments of %s do not match the interface",
                      std::string(selector));
         fail(errorHandler, NSXPCConnectionInvalid, QStringLiteral("arguments cannot be sent"));
@@ -594,8 +315,8 @@ void NSXPCConnection::send(std::string_view selector, const QVariantList& argume
     }
     QDBusMessage message =
         QDBusMessage::createMethodCall(d_->serviceName, iface->objectPath(), iface->dbusInterface(),
-                                       platform::xpc::memberForSelector(selector));
-    message.setArguments(*wire);
+                                       iface->memberForMethod(*method));
+    message.setArguments(wire);  // shares the list: nothing is copied
     auto* receiver =
         new CallReceiver(weak_from_this(), method, std::move(reply), errorHandler, d_->pending);
     platform::xpc::MarkedLock lock(d_->mutex);  // held calls go out first, and in order
@@ -735,291 +456,4 @@ void NSXPCConnection::handleIncoming(const QDBusMessage& message) {
         QString::fromLatin1(method->selector.data(), qsizetype(method->selector.size())), *args,
         object);
     deliver(invocation, false);
-}
-
-// --- NSXPCListener
-
-namespace platform::xpc {
-
-// A new folder, mode 0700, under $XDG_RUNTIME_DIR (or the temporary folder), for one listener's
-// socket; empty when none can be made.
-QString makePrivateSocketFolder() {
-    const QByteArray runtime = qgetenv("XDG_RUNTIME_DIR");
-    const QString base = !runtime.isEmpty() && QFileInfo(QFile::decodeName(runtime)).isDir()
-                             ? QFile::decodeName(runtime)
-                             : QDir::tempPath();
-    QByteArray pattern = QFile::encodeName(base + QStringLiteral("/lumaro-xpc-XXXXXX"));
-    const char* made = ::mkdtemp(pattern.data());  // mkdtemp makes it 0700
-    return made != nullptr ? QFile::decodeName(made) : QString();
-}
-
-// A D-Bus address value: bytes outside the optionally-escaped set as %XX.
-QString escapedAddressValue(const QString& value) {
-    QString out;
-    for (const char c : QFile::encodeName(value)) {
-        const auto u = static_cast<unsigned char>(c);
-        if (std::isalnum(u) || std::strchr("-_/.\\*", c) != nullptr) {
-            out += QLatin1Char(c);
-        } else {
-            out += QStringLiteral("%%%1").arg(u, 2, 16, QLatin1Char('0'));
-        }
-    }
-    return out;
-}
-
-}  // namespace platform::xpc
-
-struct NSXPCListener::Private {
-    QString name;  // empty: anonymous
-    QDBusServer* server = nullptr;
-    QString socketFolder;  // anonymous: the private folder that holds the listening socket
-    std::weak_ptr<NSXPCListenerDelegate> delegate;
-    std::optional<QDBusConnection> bus;
-    QString busName;
-    QThread thread;
-    platform::xpc::QueueContext* context = nullptr;  // runs blocks on the listener's thread
-    ListenerAdaptor* adaptor = nullptr;  // moved to the listener's thread once registered
-    QDBusServiceWatcher* watcher = nullptr;
-    std::map<QString, std::shared_ptr<NSXPCConnection>> peers;  // touched on the listener's thread
-    std::mutex mutex;
-};
-
-NSXPCListener::NSXPCListener(QString machServiceName) : d_(std::make_unique<Private>()) {
-    platform::xpc::registerMetaTypes();
-    d_->name = std::move(machServiceName);
-    d_->adaptor = new ListenerAdaptor(this);
-    d_->context = new platform::xpc::QueueContext();
-    d_->thread.setObjectName(QStringLiteral("xpc.listener.%1").arg(d_->name));
-    d_->context->moveToThread(&d_->thread);
-    d_->thread.start();
-}
-
-std::unique_ptr<NSXPCListener> NSXPCListener::anonymousListener() {
-    return std::make_unique<NSXPCListener>(QString());
-}
-
-NSXPCListener::~NSXPCListener() {
-    invalidate();
-    // What QtDBus's thread posts to goes on the listener's thread, which is then joined.
-    auto last = [this] {
-        d_->peers.clear();
-        delete d_->adaptor;
-        d_->adaptor = nullptr;
-        d_->context->deleteLater();
-        QThread::currentThread()->quit();
-    };
-    if (d_->thread.isRunning()) {
-        auto ran = std::make_shared<std::atomic<bool>>(false);
-        d_->context->post([last, ran] {
-            ran->store(true);
-            last();
-        });
-        d_->thread.quit();  // as for a connection's queue
-        d_->thread.wait();
-        if (!ran->load()) {
-            d_->peers.clear();
-            delete d_->adaptor;
-            delete d_->context;
-        }
-    } else {
-        last();
-        delete d_->context;
-    }
-    if (!d_->socketFolder.isEmpty()) {
-        QDir(d_->socketFolder).removeRecursively();
-    }
-}
-
-void NSXPCListener::setDelegate(std::weak_ptr<NSXPCListenerDelegate> delegate) {
-    platform::xpc::MarkedLock lock(d_->mutex);
-    d_->delegate = std::move(delegate);
-}
-
-void NSXPCListener::setExportedInterface(std::shared_ptr<NSXPCInterface> interface) {
-    d_->adaptor->interface = std::move(interface);
-}
-
-bool NSXPCListener::resume(QString* error) {
-    platform::xpc::MarkedLock lock(d_->mutex);
-    if (d_->name.isEmpty()) {
-        if (d_->server != nullptr) {
-            return d_->server->isConnected();
-        }
-        // The server lives on the listener's thread: QtDBus announces each new peer there and
-        // lets its messages in only after the announcement has been handled, so the peer's
-        // exported object is in place before its first message.
-        // The socket sits in a folder of its own that only this user can enter, so nobody
-        // else can even reach it to try the D-Bus handshake.
-        d_->socketFolder = platform::xpc::makePrivateSocketFolder();
-        if (d_->socketFolder.isEmpty()) {
-            if (error) {
-                *error = QStringLiteral("cannot make a private folder for the socket");
-            }
-            return false;
-        }
-        d_->server = new platform::xpc::PeerServer(
-            QStringLiteral("unix:dir=") + platform::xpc::escapedAddressValue(d_->socketFolder));
-        if (!d_->server->isConnected()) {
-            if (error) {
-                *error = QStringLiteral("cannot listen: %1").arg(d_->server->lastError().message());
-            }
-            return false;
-        }
-        d_->server->moveToThread(&d_->thread);
-        QObject::connect(d_->server, &QDBusServer::newConnection, d_->server,
-                         [this](const QDBusConnection& peer) { acceptPeer(peer); });
-        platform::xpc::handOver(d_->server);
-        return true;
-    }
-    d_->busName = QStringLiteral("lumaro-xpc-listener-%1").arg(gBusNameCounter.fetch_add(1));
-    d_->bus = QDBusConnection::connectToBus(QDBusConnection::SessionBus, d_->busName);
-    if (!d_->bus->isConnected()) {
-        if (error) {
-            *error = QStringLiteral("cannot connect to the session bus: %1")
-                         .arg(d_->bus->lastError().message());
-        }
-        return false;
-    }
-    // Registered before the adaptor moves to the listener's thread: for a sub-path registration
-    // QtDBus gives the object a helper child, made on the registering thread, which moves with it.
-    const bool registered =
-        d_->bus->registerVirtualObject(QStringLiteral("/"), d_->adaptor, QDBusConnection::SubPath);
-    d_->adaptor->moveToThread(&d_->thread);
-    if (!registered) {
-        if (error) {
-            *error = QStringLiteral("cannot register the object tree");
-        }
-        return false;
-    }
-    if (!d_->bus->registerService(d_->name)) {
-        if (error) {
-            *error =
-                QStringLiteral("cannot own %1: %2").arg(d_->name, d_->bus->lastError().message());
-        }
-        return false;
-    }
-    d_->watcher = new QDBusServiceWatcher();
-    d_->watcher->setConnection(*d_->bus);
-    d_->watcher->setWatchMode(QDBusServiceWatcher::WatchForUnregistration);
-    d_->watcher->moveToThread(&d_->thread);
-    QObject::connect(d_->watcher, &QDBusServiceWatcher::serviceUnregistered, d_->adaptor,
-                     [this](const QString& peer) {
-                         d_->watcher->removeWatchedService(peer);
-                         d_->peers.erase(peer);
-                     });
-    platform::xpc::handOver(d_->adaptor);
-    return true;
-}
-
-NSXPCListenerEndpoint NSXPCListener::endpoint() const {
-    platform::xpc::MarkedLock lock(d_->mutex);
-    if (d_->server == nullptr || !d_->server->isConnected()) {
-        return {};
-    }
-    return NSXPCListenerEndpoint(d_->server->address());
-}
-
-void NSXPCListener::acceptPeer(const QDBusConnection& peer) {
-    std::shared_ptr<NSXPCListenerDelegate> delegate;
-    {
-        platform::xpc::MarkedLock lock(d_->mutex);
-        delegate = d_->delegate.lock();
-    }
-    // Peers that went away since the last one came are dropped now.
-    std::erase_if(d_->peers, [](const auto& entry) {
-        auto& peerData = *entry.second->d_;
-        platform::xpc::MarkedLock peerLock(peerData.mutex);
-        return !peerData.bus || !peerData.bus->isConnected();
-    });
-    std::shared_ptr<NSXPCConnection> connection(new NSXPCConnection());
-    connection->d_->kind = NSXPCConnection::Private::Kind::AcceptedPeer;
-    connection->d_->bus = peer;
-    connection->d_->busName = peer.name();
-    connection->d_->ownsBus = true;
-    startQueue(connection.get(), *connection->d_, QStringLiteral("xpc.connection.peer"));
-    if (!delegate || !delegate->listener(this, connection)) {
-        os_log(OS_LOG_DEFAULT, "NSXPCListener: refused a peer connection");
-        return;  // the connection goes with its last reference, and the link with it
-    }
-    connection->resume();
-    d_->peers.emplace(peer.name(), connection);
-}
-
-void NSXPCListener::invalidate() {
-    QDBusServer* server = nullptr;
-    std::optional<QDBusConnection> bus;
-    {
-        // From here on route() takes no more messages, so it makes no new connections.
-        platform::xpc::MarkedLock lock(d_->mutex);
-        std::swap(server, d_->server);
-        std::swap(bus, d_->bus);
-    }
-    // Stop listening and end every peer's connection, on the thread that owns them, the thread
-    // QtDBus posts the listener's messages to. Nothing may keep a copy of the link afterwards (the
-    // watcher holds one), or it would stay open and the peers' calls in flight would wait for ever.
-    auto stop = [this, server, bus = std::move(bus)]() mutable {
-        delete server;
-        delete d_->watcher;
-        d_->watcher = nullptr;
-        for (auto& entry : d_->peers) {
-            entry.second->invalidate();
-        }
-        d_->peers.clear();
-        if (bus) {
-            bus->unregisterService(d_->name);
-            bus->unregisterObject(QStringLiteral("/"), QDBusConnection::UnregisterTree);
-            bus.reset();
-            QDBusConnection::disconnectFromBus(d_->busName);
-        }
-    };
-    if (QThread::currentThread() == &d_->thread || !d_->thread.isRunning()) {
-        stop();
-        return;
-    }
-    // Waits by polling an atomic flag: rare, short, and plain to the thread sanitizer.
-    auto done = std::make_shared<std::atomic<bool>>(false);
-    d_->context->post([stop = std::move(stop), done]() mutable {
-        stop();
-        done->store(true, std::memory_order_release);
-    });
-    while (!done->load(std::memory_order_acquire)) {
-        QThread::usleep(200);
-    }
-}
-
-void NSXPCListener::route(const QDBusMessage& message) {
-    std::shared_ptr<NSXPCListenerDelegate> delegate;
-    std::optional<QDBusConnection> bus;
-    {
-        platform::xpc::MarkedLock lock(d_->mutex);
-        delegate = d_->delegate.lock();
-        bus = d_->bus;
-    }
-    if (!bus) {
-        return;
-    }
-    const QString peer = message.service();
-    auto found = d_->peers.find(peer);
-    std::shared_ptr<NSXPCConnection> connection;
-    if (found != d_->peers.end()) {
-        connection = found->second;
-    } else {
-        connection.reset(new NSXPCConnection());
-        connection->d_->kind = NSXPCConnection::Private::Kind::Accepted;
-        connection->d_->serviceName = peer;
-        connection->d_->bus = bus;
-        startQueue(connection.get(), *connection->d_,
-                   QStringLiteral("xpc.connection.%1").arg(peer));
-        if (!delegate || !delegate->listener(this, connection)) {
-            bus->send(message.createErrorReply(QDBusError::AccessDenied,
-                                               QStringLiteral("connection refused")));
-            return;
-        }
-        connection->resume();
-        d_->peers.emplace(peer, connection);
-        if (d_->watcher != nullptr) {
-            d_->watcher->addWatchedService(peer);
-        }
-    }
-    connection->dispatchOnQueue([connection, message] { connection->handleIncoming(message); });
 }

@@ -1,4 +1,4 @@
-// Internals of NSXPCConnection that need Qt's meta-object system.
+// Internals shared by connections, listeners and the QtDBus plumbing behind them.
 #pragma once
 
 #include <QDBusConnection>
@@ -9,12 +9,17 @@
 #include <QDBusServer>
 #include <QDBusVirtualObject>
 #include <QObject>
+#include <QPointer>
 #include <QThread>
+#include <atomic>
 #include <deque>
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <unordered_set>
+#include <utility>
+#include <vector>
 
 #include "platform/xpc/NSXPCConnection.h"
 
@@ -79,6 +84,8 @@ class ConnectionThread final : public QThread {
 public:
     ConnectionThread(NSXPCConnection* owner, const QString& label);
     void run() override;
+    // The connection thread running the caller, or null.
+    static ConnectionThread* current();
 
     std::atomic<NSXPCConnection*> owner;
     QueueContext* context = nullptr;  // lives in this thread; runs posted blocks
@@ -192,4 +199,50 @@ private:
 // An anonymous listener's server: announces new peers on the listener's thread.
 using PeerServer = TakenOver<QDBusServer>;
 
+// The error a peer answers with when its reply block was called with values that do not match the
+// interface: the caller sees the same code as for such a reply arriving.
+extern const QString kReplyInvalidErrorName;
+
+// Numbers the private bus links that connections and listeners open.
+extern std::atomic<int> gBusNameCounter;
+
+// A connection failure in NSPlatformErrorDomain, `why` as its description.
+NSErrorPtr connectionError(int64_t code, const QString& why);
+
+// Starts the thread behind a connection's private queue.
+void startQueue(NSXPCConnection* connection, NSXPCConnection::Private& d, const QString& label);
+
+// Joins and deletes, on a thread of its own, the thread of a connection destroyed on its own queue.
+void reapThread(QThread* thread);
+
 }  // namespace platform::xpc
+
+struct NSXPCConnection::Private {
+    // MachService and Peer connect by themselves (a bus name, a listener's endpoint); Accepted
+    // shares its listener's bus, AcceptedPeer is the link a peer made to an anonymous listener.
+    enum class Kind { MachService, Peer, Accepted, AcceptedPeer };
+    Kind kind = Kind::MachService;
+    QString serviceName;
+    QString peerAddress;
+    uint64_t options = 0;
+
+    mutable std::mutex mutex;
+    std::shared_ptr<NSXPCInvocationTarget> exportedObject;
+    std::shared_ptr<NSXPCInterface> exportedInterface;
+    std::shared_ptr<NSXPCInterface> remoteInterface;
+    std::weak_ptr<NSXPCConnectionDelegate> delegate;
+    std::optional<QDBusConnection> bus;
+    QString busName;
+    bool ownsBus = false;
+    bool resumed = false;
+    bool invalidated = false;
+
+    platform::xpc::ConnectionThread* thread = nullptr;
+    platform::xpc::ExportedObjectAdaptor* adaptor = nullptr;
+    // A link to a listener's endpoint: calls wait until the listener has let the link in.
+    bool linkLetIn = true;
+    QPointer<QObject> linkCheck;  // the ping that finds out, on the connection's queue
+    std::vector<std::pair<QDBusMessage, QPointer<platform::xpc::CallReceiver>>> held;
+    std::shared_ptr<platform::xpc::PendingCalls> pending =
+        std::make_shared<platform::xpc::PendingCalls>();
+};

@@ -116,7 +116,12 @@ std::optional<QString> selectorForMember(const QString& member) {
 
 }  // namespace platform::xpc
 
-NSXPCInterface::NSXPCInterface(const NSXPCProtocolDescription& protocol) : protocol_(&protocol) {
+NSXPCInterface::NSXPCInterface(const NSXPCProtocolDescription& protocol)
+    : protocol_(&protocol),
+      dbusInterface_(QString::fromUtf8(protocol.dbusInterface.data(),
+                                       static_cast<qsizetype>(protocol.dbusInterface.size()))),
+      objectPath_(QString::fromUtf8(protocol.objectPath.data(),
+                                    static_cast<qsizetype>(protocol.objectPath.size()))) {
     members_.reserve(protocol.methods.size());
     for (const auto& method : protocol.methods) {
         members_.push_back(platform::xpc::memberForSelector(method.selector));
@@ -126,16 +131,6 @@ NSXPCInterface::NSXPCInterface(const NSXPCProtocolDescription& protocol) : proto
 std::shared_ptr<NSXPCInterface> NSXPCInterface::interfaceWithProtocol(
     const NSXPCProtocolDescription& protocol) {
     return std::make_shared<NSXPCInterface>(protocol);
-}
-
-QString NSXPCInterface::dbusInterface() const {
-    return QString::fromUtf8(protocol_->dbusInterface.data(),
-                             static_cast<qsizetype>(protocol_->dbusInterface.size()));
-}
-
-QString NSXPCInterface::objectPath() const {
-    return QString::fromUtf8(protocol_->objectPath.data(),
-                             static_cast<qsizetype>(protocol_->objectPath.size()));
 }
 
 const NSXPCMethodDescription* NSXPCInterface::methodForSelector(std::string_view selector) const {

@@ -66,15 +66,22 @@ public:
         const NSXPCProtocolDescription& protocol);
 
     const NSXPCProtocolDescription& protocol() const { return *protocol_; }
-    QString dbusInterface() const;
-    QString objectPath() const;
+    const QString& dbusInterface() const { return dbusInterface_; }
+    const QString& objectPath() const { return objectPath_; }
     const NSXPCMethodDescription* methodForSelector(std::string_view selector) const;
     const NSXPCMethodDescription* methodForMember(const QString& member) const;
+    // The D-Bus member of one of this interface's methods (as methodForSelector answers them).
+    const QString& memberForMethod(const NSXPCMethodDescription& method) const {
+        return members_[size_t(&method - protocol_->methods.data())];
+    }
 
     // The introspection XML of the protocol's D-Bus interface (one <interface> element).
     QString introspectionXml() const;
 
 private:
     const NSXPCProtocolDescription* protocol_;
-    std::vector<QString> members_;
+    // Made once: every message sent or checked names them.
+    QString dbusInterface_;
+    QString objectPath_;
+    std::vector<QString> members_;  // in the order of the protocol's methods
 };

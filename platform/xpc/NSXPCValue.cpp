@@ -6,6 +6,7 @@
 #include <QDBusMetaType>
 #include <QDBusVariant>
 #include <QStringList>
+#include <algorithm>
 #include <cmath>
 #include <limits>
 #include <mutex>
@@ -62,6 +63,41 @@ bool fitsIn(const QVariant& v, int64_t low, int64_t high) {
 
 QVariant errorToMap(const NSError& error);
 
+// The types QtDBus marshals as they are.
+bool travelsAsIs(int typeId) {
+    switch (typeId) {
+        case QMetaType::Bool:
+        case QMetaType::Int:
+        case QMetaType::UInt:
+        case QMetaType::LongLong:
+        case QMetaType::ULongLong:
+        case QMetaType::Double:
+        case QMetaType::QString:
+        case QMetaType::QByteArray:
+        case QMetaType::UChar:
+        case QMetaType::Short:
+        case QMetaType::UShort:
+        case QMetaType::QStringList:
+            return true;
+        default:
+            return false;
+    }
+}
+
+// Whether sanitize() would give `v` back as it is: then a dictionary or array need not be copied
+// value by value.
+bool isPlain(const QVariant& v) {
+    if (v.typeId() == QMetaType::QVariantMap) {
+        const auto& map = *static_cast<const QVariantMap*>(v.constData());
+        return std::all_of(map.cbegin(), map.cend(), isPlain);
+    }
+    if (v.typeId() == QMetaType::QVariantList) {
+        const auto& list = *static_cast<const QVariantList*>(v.constData());
+        return std::all_of(list.cbegin(), list.cend(), isPlain);
+    }
+    return travelsAsIs(v.typeId());
+}
+
 // A value inside a dictionary or array in a form QtDBus marshals; an invalid QVariant means
 // "leave it out" (libdbus aborts the process on a null inside a map).
 QVariant sanitize(const QVariant& v) {
@@ -77,19 +113,10 @@ QVariant sanitize(const QVariant& v) {
             return {};
         }
     }
+    if (travelsAsIs(v.typeId())) {
+        return v;
+    }
     switch (v.typeId()) {
-        case QMetaType::Bool:
-        case QMetaType::Int:
-        case QMetaType::UInt:
-        case QMetaType::LongLong:
-        case QMetaType::ULongLong:
-        case QMetaType::Double:
-        case QMetaType::QString:
-        case QMetaType::QByteArray:
-        case QMetaType::UChar:
-        case QMetaType::Short:
-        case QMetaType::UShort:
-            return v;
         case QMetaType::Float:
             return v.toDouble();
         case QMetaType::Char:
@@ -101,9 +128,10 @@ QVariant sanitize(const QVariant& v) {
             return v.toULongLong();
         case QMetaType::QUrl:
             return v.toUrl().toString(QUrl::FullyEncoded);
-        case QMetaType::QStringList:
-            return v;
         case QMetaType::QVariantMap: {
+            if (isPlain(v)) {
+                return v;
+            }
             QVariantMap out;
             const QVariantMap in = v.toMap();
             for (auto it = in.cbegin(); it != in.cend(); ++it) {
@@ -115,6 +143,9 @@ QVariant sanitize(const QVariant& v) {
             return out;
         }
         case QMetaType::QVariantList: {
+            if (isPlain(v)) {
+                return v;
+            }
             QVariantList out;
             for (const QVariant& item : v.toList()) {
                 QVariant s = sanitize(item);
