@@ -1,0 +1,237 @@
+// Faults along the road, with real processes on a private bus: a process killed or crashing in
+// the middle of a request, and a peer that sends what the daemon does not take. Each ends in
+// what the survivors can know (an error line, the host's one line and exit status), never in a
+// crash, a hang or a process left behind.
+#include <gtest/gtest.h>
+
+#include <signal.h>
+
+#include <QDBusConnection>
+#include <QDBusMessage>
+#include <QFile>
+#include <atomic>
+#include <thread>
+#include <vector>
+
+#include "daemon/LMDaemonProxy.h"
+#include "platform/dispatch/dispatch.h"
+#include "platform/log/os_log.h"
+#include "tests/e2e/Road.h"
+
+using namespace lumaro::test;
+using platform::dispatch::runMainLoopUntil;
+using platform::log::LogCapture;
+
+namespace {
+
+const QString kNorthwind = QStringLiteral("com.test.northwind.setupui");
+const QString kPicker = QStringLiteral("lumaro-broadcast-picker");
+const QString kSetupUI = QStringLiteral("example-setup-ui");
+const QString kSheetArrival = QStringLiteral("arrived presentBroadcastActivitySheet");
+// A generous limit that means "hung", not a measurement.
+constexpr int kHungMs = 20000;
+
+// The process has ended: it is gone, or it is a zombie nobody has reaped yet.
+bool ended(qint64 pid) {
+    if (::kill(pid_t(pid), 0) != 0) {
+        return true;
+    }
+    QFile stat(QStringLiteral("/proc/%1/stat").arg(pid));
+    if (!stat.open(QIODevice::ReadOnly)) {
+        return true;
+    }
+    const QByteArray line = stat.readAll();
+    const qsizetype state = line.lastIndexOf(')') + 2;
+    return state < line.size() && line[state] == 'Z';
+}
+
+class FaultTest : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(road.busRunning()); }
+
+    // Runs a host whose setup UI waits for the user; once the picker asked for the sheet and
+    // both children have logged, `fault` is done to them, once. The children's ids are kept.
+    HostRun pickAndThen(const std::function<void(const HostRun&)>& fault) {
+        road.installService(kNorthwind);
+        road.setSetupMode(QStringLiteral("interactive"));
+        EXPECT_TRUE(road.startDaemon());
+        bool done = false;
+        return road.pick({"--choose", kNorthwind}, [&](const HostRun& run) {
+            picker = run.pidInLog(kPicker);
+            setupUI = run.pidInLog(kSetupUI);
+            if (!done && picker != 0 && setupUI != 0 && run.countInLog(kSheetArrival) == 1) {
+                done = true;
+                fault(run);
+            }
+            return false;
+        });
+    }
+
+    Road road;
+    qint64 picker = 0;
+    qint64 setupUI = 0;
+};
+
+// The shared daemon proxy of this process, with a thousand requests sent from two threads, when
+// the daemon is killed: each request ends once, in its block or in its one error line, and the
+// connection serves again once the daemon is back.
+TEST_F(FaultTest, DaemonKilledWithAThousandRequestsInFlight) {
+    constexpr int kRequests = 1000;
+    ASSERT_TRUE(road.startDaemon());
+    auto proxy = LMDaemonProxy::daemonProxy();
+    LogCapture capture;
+    // The blocks run on the connection's queue: what they count outlives this test's frame.
+    struct Counts {
+        std::vector<std::atomic<int>> blocks = std::vector<std::atomic<int>>(kRequests);
+        std::atomic<int> total{0};
+    };
+    auto counts = std::make_shared<Counts>();
+    auto send = [&proxy, counts](int from, int to) {
+        for (int i = from; i < to; ++i) {
+            proxy->setupBroadcastWithHostBundleID(
+                QStringLiteral("com.example.host"), QStringLiteral("com.example.service"),
+                QByteArray(16, 'x'), QVariantMap{{QStringLiteral("i"), i}},
+                [counts, i](NSErrorPtr) {
+                    counts->blocks[size_t(i)]++;
+                    counts->total++;
+                });
+        }
+    };
+    std::thread first(send, 0, kRequests / 2);
+    std::thread second(send, kRequests / 2, kRequests);
+    runMainLoopUntil([&] { return counts->total.load() >= 50; }, kHungMs);
+    road.killDaemon();
+    first.join();
+    second.join();
+
+    auto ends = [&] {
+        return size_t(counts->total.load()) + capture.count("error: 4097") +
+               capture.count("error: 4099");
+    };
+    ASSERT_TRUE(runMainLoopUntil([&] { return ends() >= size_t(kRequests); }, 60000))
+        << counts->total.load() << " blocks, " << ends() << " ends";
+    EXPECT_EQ(ends(), size_t(kRequests));
+    for (int i = 0; i < kRequests; ++i) {
+        EXPECT_LE(counts->blocks[size_t(i)].load(), 1) << i;
+    }
+
+    // The connection is kept: with the daemon back, requests go through again.
+    ASSERT_TRUE(road.startDaemon());
+    auto after = std::make_shared<std::atomic<int>>(0);
+    proxy->stopInAppCaptureWithHandler([after](NSErrorPtr) { (*after)++; });
+    EXPECT_TRUE(runMainLoopUntil([&] { return after->load() == 1; }, kHungMs));
+}
+
+// The setup UI aborts in the middle of its request: nothing reaches the daemon or the host, the
+// picker stays up, and the host gives up after its timeout with a message that does not blame
+// the picker.
+TEST_F(FaultTest, SetupUICrashLeavesThePickerUpAndTheHostWithoutAnOutcome) {
+    road.installService(kNorthwind);
+    road.setSetupMode(QStringLiteral("crash"));
+    ASSERT_TRUE(road.startDaemon());
+    const HostRun host = road.pick({"--choose", kNorthwind, "--timeout", "8"});
+    ASSERT_TRUE(host.finished);
+    EXPECT_EQ(host.exitCode, 1);
+    EXPECT_TRUE(host.standardOutput.isEmpty()) << host.standardOutput.toStdString();
+    EXPECT_EQ(host.countInLog("example-setup-ui: aborting as asked"), 1);
+    // Whether the setup UI died before or after the picker asked for the sheet is a race the
+    // host cannot see: it knows only that no outcome came.
+    EXPECT_EQ(host.countInLog("lumaro-broadcast pick: no outcome within 8 s: "), 1)
+        << host.standardError.toStdString();
+    EXPECT_EQ(host.countInLog("picker exited"), 0);
+    EXPECT_EQ(host.countInLog("arrived extensionDidFinishWithLaunchURL:"), 0);
+    EXPECT_TRUE(road.daemonRequests().isEmpty());
+}
+
+TEST_F(FaultTest, PickerKilledIsReportedByTheHostInOneLine) {
+    const HostRun host = pickAndThen([this](const HostRun&) { ::kill(pid_t(picker), SIGKILL); });
+    ASSERT_TRUE(host.finished) << host.standardError.toStdString();
+    EXPECT_EQ(host.exitCode, 1);
+    EXPECT_TRUE(host.standardOutput.isEmpty()) << host.standardOutput.toStdString();
+    // Its one line beside the messages it was asked to show (--verbose).
+    EXPECT_EQ(host.countInLog("lumaro-broadcast pick: ") -
+                  host.countInLog("lumaro-broadcast pick: arrived "),
+              1)
+        << host.standardError.toStdString();
+    EXPECT_EQ(host.countInLog("lumaro-broadcast pick: no outcome: the picker exited before it "
+                              "reported an outcome"),
+              1);
+    // The picker's own child goes with its link.
+    EXPECT_TRUE(runMainLoopUntil([this] { return ended(setupUI); }, kHungMs));
+}
+
+// The host is killed outright: its picker and the setup UI see their links close and end; none
+// lingers.
+TEST_F(FaultTest, HostKilledEndsThePickerAndTheSetupUI) {
+    const HostRun host =
+        pickAndThen([](const HostRun& run) { ::kill(pid_t(run.pid), SIGKILL); });
+    ASSERT_NE(picker, 0) << host.standardError.toStdString();
+    ASSERT_NE(setupUI, 0);
+    EXPECT_TRUE(runMainLoopUntil([this] { return ended(picker) && ended(setupUI); }, kHungMs))
+        << host.standardError.toStdString();
+    EXPECT_TRUE(road.daemonRequests().isEmpty());
+}
+
+// Messages the daemon's interface does not hold, straight off the bus: each is refused with an
+// error reply and one error line, and the same peer's next good request is served.
+TEST_F(FaultTest, MalformedMessagesToTheDaemonAreRefusedAndTheLinkStaysUsable) {
+    ASSERT_TRUE(road.startDaemon());
+    QDBusConnection peer = QDBusConnection::connectToBus(
+        road.environment().value(QStringLiteral("DBUS_SESSION_BUS_ADDRESS")),
+        QStringLiteral("malformed-peer"));
+    ASSERT_TRUE(peer.isConnected());
+    const auto call = [&](const QString& member, const QVariantList& arguments) {
+        QDBusMessage message = QDBusMessage::createMethodCall(
+            QStringLiteral("com.vantor.lumarod"), QStringLiteral("/com/vantor/lumarod"),
+            QStringLiteral("com.vantor.lumarod.Daemon"), member);
+        message.setArguments(arguments);
+        return peer.call(message, QDBus::Block, kHungMs);
+    };
+    const QString setup = QStringLiteral(
+        "setupBroadcastWithHostBundleID_broadcastExtensionBundleID_broadcastConfigurationData_"
+        "userInfo_handler_");
+    const auto one = [](const QVariant& value) {
+        return QVariant::fromValue(QVariantList{value});
+    };
+    QVariantList huge;
+    huge.fill(QVariant(QStringLiteral("x")), 1000000);
+    struct Case {
+        const char* what;
+        QString member;
+        QVariantList arguments;
+        QString errorName;
+    };
+    const QString invalidArgs = QStringLiteral("org.freedesktop.DBus.Error.InvalidArgs");
+    const std::vector<Case> cases = {
+        {"wrong signature", setup, {42, QStringLiteral("b"), QByteArray("c"), 1}, invalidArgs},
+        {"huge array",
+         setup,
+         {QVariant::fromValue(huge), one(QStringLiteral("b")), one(QByteArray("c")),
+          one(QVariantMap{})},
+         invalidArgs},
+        {"unknown member", QStringLiteral("noSuchRequest_"), {},
+         QStringLiteral("org.freedesktop.DBus.Error.UnknownMethod")},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        const QDBusMessage answer = call(c.member, c.arguments);
+        EXPECT_EQ(answer.type(), QDBusMessage::ErrorMessage);
+        EXPECT_EQ(answer.errorName(), c.errorName);
+        QString log;
+        EXPECT_TRUE(runMainLoopUntil(
+            [&] {
+                log += QString::fromUtf8(road.readDaemonLog());
+                return log.contains(QStringLiteral("<Error> NSXPCConnection: refused "));
+            },
+            kHungMs));
+        EXPECT_EQ(log.count(QStringLiteral("<Error> ")), 1) << log.toStdString();
+    }
+    const QDBusMessage good = call(
+        setup, {one(QStringLiteral("com.example.host")), one(QStringLiteral("com.example.service")),
+                one(QByteArray("config")), one(QVariantMap{})});
+    EXPECT_EQ(good.type(), QDBusMessage::ReplyMessage) << good.errorMessage().toStdString();
+    EXPECT_EQ(road.daemonRequests().size(), 1);
+    QDBusConnection::disconnectFromBus(QStringLiteral("malformed-peer"));
+}
+
+}  // namespace
