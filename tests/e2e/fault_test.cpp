@@ -11,6 +11,7 @@
 #include <QFile>
 #include <atomic>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "daemon/LMDaemonProxy.h"
@@ -72,13 +73,14 @@ protected:
     qint64 setupUI = 0;
 };
 
-// The shared daemon proxy of this process, with a thousand requests sent from two threads, when
-// the daemon is killed: each request ends once, in its block or in its one error line, and the
-// connection serves again once the daemon is back.
+// The shared daemon proxy, asked for by two threads at once (one object and one connection), each
+// sending 500 requests, when the daemon is killed: each request ends once, in its block or in its
+// one error line, and the connection serves again once the daemon is back. Runs first: nothing
+// has touched the proxy yet.
 TEST_F(FaultTest, DaemonKilledWithAThousandRequestsInFlight) {
     constexpr int kRequests = 1000;
     ASSERT_TRUE(road.startDaemon());
-    auto proxy = LMDaemonProxy::daemonProxy();
+    ASSERT_EQ(NSXPCConnection::connectionsCreated(), 0);
     LogCapture capture;
     // The blocks run on the connection's queue: what they count outlives this test's frame.
     struct Counts {
@@ -86,8 +88,13 @@ TEST_F(FaultTest, DaemonKilledWithAThousandRequestsInFlight) {
         std::atomic<int> total{0};
     };
     auto counts = std::make_shared<Counts>();
-    auto send = [&proxy, counts](int from, int to) {
-        for (int i = from; i < to; ++i) {
+    std::atomic<bool> go{false};
+    std::shared_ptr<LMDaemonProxy> proxies[2];
+    auto send = [&, counts](int half) {
+        while (!go) {
+        }
+        auto proxy = proxies[half] = LMDaemonProxy::daemonProxy();
+        for (int i = half * kRequests / 2; i < (half + 1) * kRequests / 2; ++i) {
             proxy->setupBroadcastWithHostBundleID(
                 QStringLiteral("com.example.host"), QStringLiteral("com.example.service"),
                 QByteArray(16, 'x'), QVariantMap{{QStringLiteral("i"), i}},
@@ -97,12 +104,16 @@ TEST_F(FaultTest, DaemonKilledWithAThousandRequestsInFlight) {
                 });
         }
     };
-    std::thread first(send, 0, kRequests / 2);
-    std::thread second(send, kRequests / 2, kRequests);
+    std::thread first(send, 0);
+    std::thread second(send, 1);
+    go = true;
     runMainLoopUntil([&] { return counts->total.load() >= 50; }, kHungMs);
     road.killDaemon();
     first.join();
     second.join();
+    ASSERT_TRUE(proxies[0]);
+    EXPECT_EQ(proxies[0], proxies[1]);
+    EXPECT_EQ(NSXPCConnection::connectionsCreated(), 1);
 
     auto ends = [&] {
         return size_t(counts->total.load()) + capture.count("error: 4097") +
@@ -118,29 +129,32 @@ TEST_F(FaultTest, DaemonKilledWithAThousandRequestsInFlight) {
     // The connection is kept: with the daemon back, requests go through again.
     ASSERT_TRUE(road.startDaemon());
     auto after = std::make_shared<std::atomic<int>>(0);
-    proxy->stopInAppCaptureWithHandler([after](NSErrorPtr) { (*after)++; });
+    proxies[0]->stopInAppCaptureWithHandler([after](NSErrorPtr) { (*after)++; });
     EXPECT_TRUE(runMainLoopUntil([&] { return after->load() == 1; }, kHungMs));
 }
 
-// The setup UI aborts in the middle of its request: nothing reaches the daemon or the host, the
-// picker stays up, and the host gives up after its timeout with a message that does not blame
-// the picker.
-TEST_F(FaultTest, SetupUICrashLeavesThePickerUpAndTheHostWithoutAnOutcome) {
+// The setup UI aborts in the middle of its request, or returns an item that cannot be loaded:
+// nothing reaches the daemon or the host, the picker stays up, and the host gives up after its
+// timeout with a message that does not blame the picker.
+TEST_F(FaultTest, SetupUICrashOrUnreadableItemLeavesThePickerUpAndTheHostWithoutAnOutcome) {
     road.installService(kNorthwind);
-    road.setSetupMode(QStringLiteral("crash"));
     ASSERT_TRUE(road.startDaemon());
-    const HostRun host = road.pick({"--choose", kNorthwind, "--timeout", "8"});
-    ASSERT_TRUE(host.finished);
-    EXPECT_EQ(host.exitCode, 1);
-    EXPECT_TRUE(host.standardOutput.isEmpty()) << host.standardOutput.toStdString();
-    EXPECT_EQ(host.countInLog("example-setup-ui: aborting as asked"), 1);
-    // Whether the setup UI died before or after the picker asked for the sheet is a race the
-    // host cannot see: it knows only that no outcome came.
-    EXPECT_EQ(host.countInLog("lumaro-broadcast pick: no outcome within 8 s: "), 1)
-        << host.standardError.toStdString();
-    EXPECT_EQ(host.countInLog("picker exited"), 0);
-    EXPECT_EQ(host.countInLog("arrived extensionDidFinishWithLaunchURL:"), 0);
-    EXPECT_TRUE(road.daemonRequests().isEmpty());
+    for (const QString mode : {"crash", "fail-item"}) {
+        SCOPED_TRACE(mode.toStdString());
+        road.setSetupMode(mode);
+        const HostRun host = road.pick({"--choose", kNorthwind, "--timeout", "8"});
+        ASSERT_TRUE(host.finished);
+        EXPECT_EQ(host.exitCode, 1);
+        EXPECT_TRUE(host.standardOutput.isEmpty()) << host.standardOutput.toStdString();
+        EXPECT_EQ(host.countInLog("example-setup-ui: aborting as asked"), mode == "crash" ? 1 : 0);
+        // Whether the setup UI died before or after the picker asked for the sheet is a race
+        // the host cannot see: it knows only that no outcome came.
+        EXPECT_EQ(host.countInLog("lumaro-broadcast pick: no outcome within 8 s: "), 1)
+            << host.standardError.toStdString();
+        EXPECT_EQ(host.countInLog("picker exited"), 0);
+        EXPECT_EQ(host.countInLog("arrived extensionDidFinishWithLaunchURL:"), 0);
+        EXPECT_TRUE(road.daemonRequests().isEmpty());
+    }
 }
 
 TEST_F(FaultTest, PickerKilledIsReportedByTheHostInOneLine) {
@@ -190,33 +204,20 @@ TEST_F(FaultTest, MalformedMessagesToTheDaemonAreRefusedAndTheLinkStaysUsable) {
     const QString setup = QStringLiteral(
         "setupBroadcastWithHostBundleID_broadcastExtensionBundleID_broadcastConfigurationData_"
         "userInfo_handler_");
-    const auto one = [](const QVariant& value) {
-        return QVariant::fromValue(QVariantList{value});
+    const auto one = [](const QVariant& value) { return QVariant::fromValue(QVariantList{value}); };
+    const QVariantList good{one(QStringLiteral("com.example.host")), one(QStringLiteral("b")),
+                            one(QByteArray("c")), one(QVariantMap{})};
+    QVariantList huge = good;
+    huge[0] = QVariant::fromValue(QVariantList(1000000, QStringLiteral("x")));
+    const std::vector<std::tuple<QString, QVariantList, QString>> cases = {
+        {setup, {42, QStringLiteral("b"), QByteArray("c"), 1}, QStringLiteral("InvalidArgs")},
+        {setup, huge, QStringLiteral("InvalidArgs")},
+        {QStringLiteral("noSuchRequest_"), {}, QStringLiteral("UnknownMethod")},
     };
-    QVariantList huge;
-    huge.fill(QVariant(QStringLiteral("x")), 1000000);
-    struct Case {
-        const char* what;
-        QString member;
-        QVariantList arguments;
-        QString errorName;
-    };
-    const QString invalidArgs = QStringLiteral("org.freedesktop.DBus.Error.InvalidArgs");
-    const std::vector<Case> cases = {
-        {"wrong signature", setup, {42, QStringLiteral("b"), QByteArray("c"), 1}, invalidArgs},
-        {"huge array",
-         setup,
-         {QVariant::fromValue(huge), one(QStringLiteral("b")), one(QByteArray("c")),
-          one(QVariantMap{})},
-         invalidArgs},
-        {"unknown member", QStringLiteral("noSuchRequest_"), {},
-         QStringLiteral("org.freedesktop.DBus.Error.UnknownMethod")},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.what);
-        const QDBusMessage answer = call(c.member, c.arguments);
-        EXPECT_EQ(answer.type(), QDBusMessage::ErrorMessage);
-        EXPECT_EQ(answer.errorName(), c.errorName);
+    for (const auto& [member, arguments, error] : cases) {
+        SCOPED_TRACE(error.toStdString());
+        const QDBusMessage answer = call(member, arguments);
+        EXPECT_EQ(answer.errorName(), QStringLiteral("org.freedesktop.DBus.Error.") + error);
         QString log;
         EXPECT_TRUE(runMainLoopUntil(
             [&] {
@@ -226,10 +227,7 @@ TEST_F(FaultTest, MalformedMessagesToTheDaemonAreRefusedAndTheLinkStaysUsable) {
             kHungMs));
         EXPECT_EQ(log.count(QStringLiteral("<Error> ")), 1) << log.toStdString();
     }
-    const QDBusMessage good = call(
-        setup, {one(QStringLiteral("com.example.host")), one(QStringLiteral("com.example.service")),
-                one(QByteArray("config")), one(QVariantMap{})});
-    EXPECT_EQ(good.type(), QDBusMessage::ReplyMessage) << good.errorMessage().toStdString();
+    EXPECT_EQ(call(setup, good).type(), QDBusMessage::ReplyMessage);
     EXPECT_EQ(road.daemonRequests().size(), 1);
     QDBusConnection::disconnectFromBus(QStringLiteral("malformed-peer"));
 }
