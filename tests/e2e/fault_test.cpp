@@ -34,16 +34,10 @@ constexpr int kHungMs = 20000;
 
 // The process has ended: it is gone, or it is a zombie nobody has reaped yet.
 bool ended(qint64 pid) {
-    if (::kill(pid_t(pid), 0) != 0) {
-        return true;
-    }
     QFile stat(QStringLiteral("/proc/%1/stat").arg(pid));
-    if (!stat.open(QIODevice::ReadOnly)) {
-        return true;
-    }
-    const QByteArray line = stat.readAll();
+    const QByteArray line = stat.open(QIODevice::ReadOnly) ? stat.readAll() : QByteArray();
     const qsizetype state = line.lastIndexOf(')') + 2;
-    return state < line.size() && line[state] == 'Z';
+    return line.isEmpty() || (state < line.size() && line[state] == 'Z');
 }
 
 class FaultTest : public ::testing::Test {
