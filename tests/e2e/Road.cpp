@@ -34,6 +34,16 @@ int HostRun::countInLog(const QString& text) const {
     return n;
 }
 
+qint64 HostRun::pidInLog(const QString& program) const {
+    const QString tag = QStringLiteral(" %1[").arg(program);
+    const qsizetype at = standardError.indexOf(tag);
+    if (at < 0) {
+        return 0;
+    }
+    const qsizetype from = at + tag.size();
+    return standardError.mid(from, standardError.indexOf(QLatin1Char(']'), from) - from).toLongLong();
+}
+
 QString broadcastExtensionOf(const QString& serviceIdentifier) {
     QString base = serviceIdentifier;
     if (base.endsWith(QLatin1String(".setupui"))) {
@@ -90,6 +100,10 @@ bool Road::startDaemon(const QStringList& arguments) {
     return daemon_->start() && bus_.waitForName(QStringLiteral("com.vantor.lumarod"), true, 20000);
 }
 
+void Road::killDaemon() {
+    daemon_->kill();
+}
+
 QProcessEnvironment Road::environment() const {
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.insert(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"), bus_.address());
@@ -124,6 +138,7 @@ HostRun Road::pick(const QStringList& arguments,
         run.standardError = host.errorString();
         return run;
     }
+    run.pid = host.processId();
     QElapsedTimer guard;
     guard.start();
     bool stopped = false;

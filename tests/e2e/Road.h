@@ -30,12 +30,15 @@ inline const QString kSetupSelector = QStringLiteral(
 struct HostRun {
     bool finished = false;  // false: it had to be killed (a guard, not a measurement)
     int exitCode = -1;
+    qint64 pid = 0;
     QString standardOutput;
     QString standardError;
     // The outcome line on standard output, parsed (empty when there is none).
     QJsonObject outcome() const;
     // How many lines of standard error contain `text`.
     int countInLog(const QString& text) const;
+    // The process id in the first log line of `program` ("program[pid]"), 0 when none came yet.
+    qint64 pidInLog(const QString& program) const;
 };
 
 class Road {
@@ -71,6 +74,9 @@ public:
     void installService(const QString& identifier) { installService(Service(identifier)); }
     // The reference daemon, recording to daemonRecordPath(); `arguments` are added (--fail ...).
     bool startDaemon(const QStringList& arguments = {});
+    void killDaemon();
+    // What the daemon wrote to standard error since the last call.
+    QByteArray readDaemonLog() { return daemon_->readStandardError(); }
     // How example-setup-ui answers (its --mode), for every setup UI of the next runs.
     void setSetupMode(const QString& mode) { setupMode_ = mode; }
 

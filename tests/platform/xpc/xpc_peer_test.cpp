@@ -142,18 +142,4 @@ TEST(PeerTest, RefusedOrUnreachableEndpointsFailEachCallOnce) {
     }
 }
 
-TEST(PeerTest, TheListenerSideLearnsWhenItsPeerIsGone) {
-    auto scene = EchoScene::make(Transport::Peer);
-    ASSERT_TRUE(scene);
-    auto peer =
-        connectTo(scene->listener_->endpoint(), std::make_shared<lumaro::test::EchoObject>());
-    ASSERT_EQ(lumaro::test::send(peer, kMisbehave, {QStringLiteral("x")})->replies.load(), 1);
-    ASSERT_EQ(scene->accepted().size(), 2u);  // the scene's own client, then this one
-    peer.reset();
-    auto toGone = lumaro::test::send(scene->accepted().back(), kNote, {QVariant()}, false);
-    ASSERT_TRUE(runMainLoopUntil([&] { return toGone->done(); }, 10000));
-    EXPECT_EQ(toGone->errors.load(), 1);
-    EXPECT_EQ(toGone->replies.load(), 0);
-}
-
 }  // namespace

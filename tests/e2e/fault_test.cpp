@@ -1,0 +1,229 @@
+// Faults along the road, with real processes on a private bus: a process killed or crashing in
+// the middle of a request, and a peer that sends what the daemon does not take. Each ends in
+// what the survivors can know (an error line, the host's one line and exit status), never in a
+// crash, a hang or a process left behind.
+#include <gtest/gtest.h>
+
+#include <signal.h>
+
+#include <QDBusConnection>
+#include <QDBusMessage>
+#include <QFile>
+#include <atomic>
+#include <thread>
+#include <tuple>
+#include <vector>
+
+#include "daemon/LMDaemonProxy.h"
+#include "platform/dispatch/dispatch.h"
+#include "platform/log/os_log.h"
+#include "tests/e2e/Road.h"
+
+using namespace lumaro::test;
+using platform::dispatch::runMainLoopUntil;
+using platform::log::LogCapture;
+
+namespace {
+
+const QString kNorthwind = QStringLiteral("com.test.northwind.setupui");
+const QString kPicker = QStringLiteral("lumaro-broadcast-picker");
+const QString kSetupUI = QStringLiteral("example-setup-ui");
+const QString kSheetArrival = QStringLiteral("arrived presentBroadcastActivitySheet");
+// A generous limit that means "hung", not a measurement.
+constexpr int kHungMs = 20000;
+
+// The process has ended: it is gone, or it is a zombie nobody has reaped yet.
+bool ended(qint64 pid) {
+    QFile stat(QStringLiteral("/proc/%1/stat").arg(pid));
+    const QByteArray line = stat.open(QIODevice::ReadOnly) ? stat.readAll() : QByteArray();
+    const qsizetype state = line.lastIndexOf(')') + 2;
+    return line.isEmpty() || (state < line.size() && line[state] == 'Z');
+}
+
+class FaultTest : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(road.busRunning()); }
+
+    // Runs a host whose setup UI waits for the user; once the picker asked for the sheet and
+    // both children have logged, `fault` is done to them, once. The children's ids are kept.
+    HostRun pickAndThen(const std::function<void(const HostRun&)>& fault) {
+        road.installService(kNorthwind);
+        road.setSetupMode(QStringLiteral("interactive"));
+        EXPECT_TRUE(road.startDaemon());
+        bool done = false;
+        return road.pick({"--choose", kNorthwind}, [&](const HostRun& run) {
+            picker = run.pidInLog(kPicker);
+            setupUI = run.pidInLog(kSetupUI);
+            if (!done && picker != 0 && setupUI != 0 && run.countInLog(kSheetArrival) == 1) {
+                done = true;
+                fault(run);
+            }
+            return false;
+        });
+    }
+
+    Road road;
+    qint64 picker = 0;
+    qint64 setupUI = 0;
+};
+
+// The shared daemon proxy, asked for by two threads at once (one object and one connection), each
+// sending 500 requests, when the daemon is killed: each request ends once, in its block or in its
+// one error line, and the connection serves again once the daemon is back. Runs first: nothing
+// has touched the proxy yet.
+TEST_F(FaultTest, DaemonKilledWithAThousandRequestsInFlight) {
+    constexpr int kRequests = 1000;
+    ASSERT_TRUE(road.startDaemon());
+    ASSERT_EQ(NSXPCConnection::connectionsCreated(), 0);
+    LogCapture capture;
+    // The blocks run on the connection's queue: what they count outlives this test's frame.
+    struct Counts {
+        std::vector<std::atomic<int>> blocks = std::vector<std::atomic<int>>(kRequests);
+        std::atomic<int> total{0};
+    };
+    auto counts = std::make_shared<Counts>();
+    std::atomic<bool> go{false};
+    std::shared_ptr<LMDaemonProxy> proxies[2];
+    auto send = [&, counts](int half) {
+        while (!go) {
+        }
+        auto proxy = proxies[half] = LMDaemonProxy::daemonProxy();
+        for (int i = half * kRequests / 2; i < (half + 1) * kRequests / 2; ++i) {
+            proxy->setupBroadcastWithHostBundleID(
+                QStringLiteral("com.example.host"), QStringLiteral("com.example.service"),
+                QByteArray(16, 'x'), QVariantMap{{QStringLiteral("i"), i}},
+                [counts, i](NSErrorPtr) {
+                    counts->blocks[size_t(i)]++;
+                    counts->total++;
+                });
+        }
+    };
+    std::thread first(send, 0);
+    std::thread second(send, 1);
+    go = true;
+    runMainLoopUntil([&] { return counts->total.load() >= 50; }, kHungMs);
+    road.killDaemon();
+    first.join();
+    second.join();
+    ASSERT_TRUE(proxies[0]);
+    EXPECT_EQ(proxies[0], proxies[1]);
+    EXPECT_EQ(NSXPCConnection::connectionsCreated(), 1);
+
+    auto ends = [&] {
+        return size_t(counts->total.load()) + capture.count("error: 4097") +
+               capture.count("error: 4099");
+    };
+    ASSERT_TRUE(runMainLoopUntil([&] { return ends() >= size_t(kRequests); }, 60000))
+        << counts->total.load() << " blocks, " << ends() << " ends";
+    EXPECT_EQ(ends(), size_t(kRequests));
+    for (int i = 0; i < kRequests; ++i) {
+        EXPECT_LE(counts->blocks[size_t(i)].load(), 1) << i;
+    }
+
+    // The connection is kept: with the daemon back, requests go through again.
+    ASSERT_TRUE(road.startDaemon());
+    auto after = std::make_shared<std::atomic<int>>(0);
+    proxies[0]->stopInAppCaptureWithHandler([after](NSErrorPtr) { (*after)++; });
+    EXPECT_TRUE(runMainLoopUntil([&] { return after->load() == 1; }, kHungMs));
+}
+
+// The setup UI aborts in the middle of its request, or returns an item that cannot be loaded:
+// nothing reaches the daemon or the host, the picker stays up, and the host gives up after its
+// timeout with a message that does not blame the picker.
+TEST_F(FaultTest, SetupUICrashOrUnreadableItemLeavesThePickerUpAndTheHostWithoutAnOutcome) {
+    road.installService(kNorthwind);
+    ASSERT_TRUE(road.startDaemon());
+    for (const QString mode : {"crash", "fail-item"}) {
+        SCOPED_TRACE(mode.toStdString());
+        road.setSetupMode(mode);
+        const HostRun host = road.pick({"--choose", kNorthwind, "--timeout", "8"});
+        ASSERT_TRUE(host.finished);
+        EXPECT_EQ(host.exitCode, 1);
+        EXPECT_TRUE(host.standardOutput.isEmpty()) << host.standardOutput.toStdString();
+        EXPECT_EQ(host.countInLog("example-setup-ui: aborting as asked"), mode == "crash" ? 1 : 0);
+        // Whether the setup UI died before or after the picker asked for the sheet is a race
+        // the host cannot see: it knows only that no outcome came.
+        EXPECT_EQ(host.countInLog("lumaro-broadcast pick: no outcome within 8 s: "), 1)
+            << host.standardError.toStdString();
+        EXPECT_EQ(host.countInLog("picker exited"), 0);
+        EXPECT_EQ(host.countInLog("arrived extensionDidFinishWithLaunchURL:"), 0);
+        EXPECT_TRUE(road.daemonRequests().isEmpty());
+    }
+}
+
+TEST_F(FaultTest, PickerKilledIsReportedByTheHostInOneLine) {
+    const HostRun host = pickAndThen([this](const HostRun&) { ::kill(pid_t(picker), SIGKILL); });
+    ASSERT_TRUE(host.finished) << host.standardError.toStdString();
+    EXPECT_EQ(host.exitCode, 1);
+    EXPECT_TRUE(host.standardOutput.isEmpty()) << host.standardOutput.toStdString();
+    // Its one line beside the messages it was asked to show (--verbose).
+    EXPECT_EQ(host.countInLog("lumaro-broadcast pick: ") -
+                  host.countInLog("lumaro-broadcast pick: arrived "),
+              1)
+        << host.standardError.toStdString();
+    EXPECT_EQ(host.countInLog("lumaro-broadcast pick: no outcome: the picker exited before it "
+                              "reported an outcome"),
+              1);
+    // The picker's own child goes with its link.
+    EXPECT_TRUE(runMainLoopUntil([this] { return ended(setupUI); }, kHungMs));
+}
+
+// The host is killed outright: its picker and the setup UI see their links close and end; none
+// lingers.
+TEST_F(FaultTest, HostKilledEndsThePickerAndTheSetupUI) {
+    const HostRun host =
+        pickAndThen([](const HostRun& run) { ::kill(pid_t(run.pid), SIGKILL); });
+    ASSERT_NE(picker, 0) << host.standardError.toStdString();
+    ASSERT_NE(setupUI, 0);
+    EXPECT_TRUE(runMainLoopUntil([this] { return ended(picker) && ended(setupUI); }, kHungMs))
+        << host.standardError.toStdString();
+    EXPECT_TRUE(road.daemonRequests().isEmpty());
+}
+
+// Messages the daemon's interface does not hold, straight off the bus: each is refused with an
+// error reply and one error line, and the same peer's next good request is served.
+TEST_F(FaultTest, MalformedMessagesToTheDaemonAreRefusedAndTheLinkStaysUsable) {
+    ASSERT_TRUE(road.startDaemon());
+    QDBusConnection peer = QDBusConnection::connectToBus(
+        road.environment().value(QStringLiteral("DBUS_SESSION_BUS_ADDRESS")),
+        QStringLiteral("malformed-peer"));
+    ASSERT_TRUE(peer.isConnected());
+    const auto call = [&](const QString& member, const QVariantList& arguments) {
+        QDBusMessage message = QDBusMessage::createMethodCall(
+            QStringLiteral("com.vantor.lumarod"), QStringLiteral("/com/vantor/lumarod"),
+            QStringLiteral("com.vantor.lumarod.Daemon"), member);
+        message.setArguments(arguments);
+        return peer.call(message, QDBus::Block, kHungMs);
+    };
+    const QString setup = QStringLiteral(
+        "setupBroadcastWithHostBundleID_broadcastExtensionBundleID_broadcastConfigurationData_"
+        "userInfo_handler_");
+    const auto one = [](const QVariant& value) { return QVariant::fromValue(QVariantList{value}); };
+    const QVariantList good{one(QStringLiteral("com.example.host")), one(QStringLiteral("b")),
+                            one(QByteArray("c")), one(QVariantMap{})};
+    QVariantList huge = good;
+    huge[0] = QVariant::fromValue(QVariantList(1000000, QStringLiteral("x")));
+    const std::vector<std::tuple<QString, QVariantList, QString>> cases = {
+        {setup, {42, QStringLiteral("b"), QByteArray("c"), 1}, QStringLiteral("InvalidArgs")},
+        {setup, huge, QStringLiteral("InvalidArgs")},
+        {QStringLiteral("noSuchRequest_"), {}, QStringLiteral("UnknownMethod")},
+    };
+    for (const auto& [member, arguments, error] : cases) {
+        SCOPED_TRACE(error.toStdString());
+        const QDBusMessage answer = call(member, arguments);
+        EXPECT_EQ(answer.errorName(), QStringLiteral("org.freedesktop.DBus.Error.") + error);
+        QString log;
+        EXPECT_TRUE(runMainLoopUntil(
+            [&] {
+                log += QString::fromUtf8(road.readDaemonLog());
+                return log.contains(QStringLiteral("<Error> NSXPCConnection: refused "));
+            },
+            kHungMs));
+        EXPECT_EQ(log.count(QStringLiteral("<Error> ")), 1) << log.toStdString();
+    }
+    EXPECT_EQ(call(setup, good).type(), QDBusMessage::ReplyMessage);
+    EXPECT_EQ(road.daemonRequests().size(), 1);
+    QDBusConnection::disconnectFromBus(QStringLiteral("malformed-peer"));
+}
+
+}  // namespace
