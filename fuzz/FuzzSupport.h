@@ -5,7 +5,8 @@
 
 #include <QCoreApplication>
 #include <QtGlobal>
-#include <cstdlib>
+
+#include "platform/log/os_log.h"
 
 namespace lumaro::fuzz {
 
@@ -14,7 +15,7 @@ inline void ignoreMessage(QtMsgType, const QMessageLogContext&, const QString&) 
 // Silences the platform log and Qt's warnings and makes the QCoreApplication. Call it once, from
 // LLVMFuzzerInitialize.
 inline void setUpProcess() {
-    setenv("LUMARO_LOG_TYPES", "none", 1);
+    platform::log::setEnabledTypes(0);
     qInstallMessageHandler(ignoreMessage);
     static int argc = 1;
     static char name[] = "lumaro-fuzz";

@@ -14,6 +14,7 @@
 #include <QDBusVirtualObject>
 #include <QDir>
 #include <QSemaphore>
+#include <QThread>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -75,7 +76,8 @@ void decode(const QDBusMessage& message) {
     }
 }
 
-// The server's object: decodes each call on QtDBus's thread, as the connection's adaptors do.
+// The server's object: decodes each call on a thread of its own (QtDBus hands calls to the thread
+// of the object), as the connection's adaptors do on theirs.
 class Receiver final : public QDBusVirtualObject {
 public:
     QString introspect(const QString&) const override { return {}; }
@@ -87,6 +89,10 @@ public:
     QSemaphore delivered;
 };
 
+// The link's two ends and the receiving thread, for the life of the process.
+QDBusServer* gServer = nullptr;
+QDBusConnection* gServerSide = nullptr;
+QThread* gReceivingThread = nullptr;
 Receiver* gReceiver = nullptr;
 DBusConnection* gClient = nullptr;
 
@@ -111,19 +117,22 @@ void sendAndWait(DBusMessage* message) {
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     lumaro::fuzz::setUpProcess();
     platform::xpc::registerMetaTypes();
-    auto* server = new QDBusServer(QStringLiteral("unix:tmpdir=%1").arg(QDir::tempPath()));
+    gServer = new QDBusServer(QStringLiteral("unix:tmpdir=%1").arg(QDir::tempPath()));
     gReceiver = new Receiver();
+    gReceivingThread = new QThread();
+    gReceivingThread->start();
+    gReceiver->moveToThread(gReceivingThread);
     std::atomic<bool> connected{false};
-    QObject::connect(server, &QDBusServer::newConnection,
+    QObject::connect(gServer, &QDBusServer::newConnection,
                      [&connected](const QDBusConnection& connection) {
-                         QDBusConnection(connection)
-                             .registerVirtualObject(QString::fromLatin1(kPath), gReceiver,
-                                                    QDBusConnection::SubPath);
+                         gServerSide = new QDBusConnection(connection);
+                         gServerSide->registerVirtualObject(QString::fromLatin1(kPath), gReceiver,
+                                                            QDBusConnection::SubPath);
                          connected = true;
                      });
     DBusError error;
     dbus_error_init(&error);
-    gClient = dbus_connection_open_private(server->address().toUtf8().constData(), &error);
+    gClient = dbus_connection_open_private(gServer->address().toUtf8().constData(), &error);
     if (gClient == nullptr) {
         fail(error.message);
     }
