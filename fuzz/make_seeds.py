@@ -253,6 +253,18 @@ write("xpc_value", "endpoint", message(
            "listenerEndpoint:withHandler:"), "av(dd)yyav",
     [obj("x", 7), (1.0, 2.0), 0, 255, obj("s", "unix:abstract=/tmp/l")]))
 
+write("xpc_value", "nested-values", message(member("_completeRequestReturningItems:reply:"),
+                                          "avav", [
+    obj("a{sv}", {"a": ("a{sv}", {"b": ("av", [("aay", [b"x", b""]), ("(ids)", (1, 2.5, "s"))])}),
+                  "c": ("aa{sv}", [{"d": ("b", 0)}, {}])}),
+    obj("v", ("v", ("v", ("s", "deep"))))]))
+write("xpc_value", "error-odd-fields", message(member("_cancelRequestWithError:reply:"), "av", [
+    obj("a{sv}", {"domain": ("o", "/not/a/string"), "code": ("d", 1e300),
+                  "userInfo": ("s", "not a dictionary")})]))
+write("xpc_value", "size-as-integers", message(
+    member("_remoteViewWithClassName:clientParameters:reply:"), "av(ii)xav",
+    [[], (400, 300), -1, obj("a{sv}", {"NSLocalizedDescription": ("s", "x")})]))
+
 # --- Manifests: the example services' own, and a few that break the schema in different ways.
 SHARE = os.path.join(HERE, "..", "share", "lumaro", "extensions")
 for name in sorted(os.listdir(SHARE)):
