@@ -13,6 +13,7 @@
 #include <QDBusServer>
 #include <QDBusVirtualObject>
 #include <QDir>
+#include <QtEndian>
 #include <QSemaphore>
 #include <QThread>
 #include <cstddef>
@@ -112,6 +113,21 @@ void sendAndWait(DBusMessage* message) {
     }
 }
 
+// Sets the header's body length to what follows the header fields, so that a mutation that adds
+// or removes bytes in the body still makes a message (most would be refused for the length).
+void fitBodyLength(QByteArray& bytes) {
+    const bool little = bytes[0] == 'l';
+    auto* raw = reinterpret_cast<uchar*>(bytes.data());
+    const quint32 fields = little ? qFromLittleEndian<quint32>(raw + 12)
+                                  : qFromBigEndian<quint32>(raw + 12);
+    const quint64 bodyStart = (16 + static_cast<quint64>(fields) + 7) / 8 * 8;
+    if (bodyStart > static_cast<quint64>(bytes.size())) {
+        return;
+    }
+    const auto body = static_cast<quint32>(static_cast<quint64>(bytes.size()) - bodyStart);
+    little ? qToLittleEndian(body, raw + 4) : qToBigEndian(body, raw + 4);
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
@@ -158,6 +174,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     QByteArray bytes(reinterpret_cast<const char*>(data), static_cast<qsizetype>(size));
     bytes[1] = DBUS_MESSAGE_TYPE_METHOD_CALL;  // whatever it was, it arrives as a call
+    fitBodyLength(bytes);
     DBusError error;
     dbus_error_init(&error);
     DBusMessage* message = dbus_message_demarshal(bytes.constData(), static_cast<int>(size), &error);
