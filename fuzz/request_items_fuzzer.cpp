@@ -47,16 +47,16 @@ const NSXPCMethodDescription& method(const NSXPCProtocolDescription& protocol,
 void sendOn(const QString& extensionBundleID, const QByteArray& configuration,
             const QVariantMap& userInfo, const QUrl& serviceURL) {
     static const NSXPCMethodDescription& setup = method(LMDaemonProtocol(), kSetupSelector);
-    (void)platform::xpc::toWireList(arguments(QStringLiteral("com.vantor.fuzz"),
-                                              extensionBundleID, configuration, userInfo),
-                                    setup.arguments);
+    (void)platform::xpc::toWireList(
+        arguments(QStringLiteral("com.vantor.fuzz"), extensionBundleID, configuration, userInfo),
+        setup.arguments);
     static const NSXPCMethodDescription& finish =
         method(LMBroadcastActivityViewServiceHostProtocol(), kLMExtensionDidFinishSelector);
     const auto wire = platform::xpc::toWireList(
         arguments(QUrl(), serviceURL, extensionBundleID, static_cast<signed char>(0)),
         finish.arguments);
-    const auto received = wire ? platform::xpc::fromWireList(*wire, finish.arguments)
-                               : std::nullopt;
+    const auto received =
+        wire ? platform::xpc::fromWireList(*wire, finish.arguments) : std::nullopt;
     if (!received) {
         fprintf(stderr, "request_items_fuzzer: the host cannot read the outcome\n");
         abort();
@@ -65,9 +65,10 @@ void sendOn(const QString& extensionBundleID, const QByteArray& configuration,
     request->setHandlers({.outcome = [](const LMBroadcastHostOutcome& outcome) {
         (void)outcome.toJson();
     }});
-    request->received(QString::fromLatin1(kLMExtensionDidFinishSelector.data(),
-                                          static_cast<qsizetype>(kLMExtensionDidFinishSelector.size())),
-                      *received);
+    request->received(
+        QString::fromLatin1(kLMExtensionDidFinishSelector.data(),
+                            static_cast<qsizetype>(kLMExtensionDidFinishSelector.size())),
+        *received);
 }
 
 }  // namespace
@@ -99,11 +100,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                        const QString&, const QString&, const QString&) {
             (void)LMBroadcastValues::formatWithObject(title, appName);
         });
-    controller->loadItems(*items, [token](const QString& extensionBundleID,
-                                          const QByteArray& configuration,
-                                          const QVariantMap& userInfo, const QUrl& serviceURL) {
-        sendOn(extensionBundleID, configuration, userInfo, serviceURL);
-    });
+    controller->loadItems(*items,
+                          [token](const QString& extensionBundleID, const QByteArray& configuration,
+                                  const QVariantMap& userInfo, const QUrl& serviceURL) {
+                              sendOn(extensionBundleID, configuration, userInfo, serviceURL);
+                          });
     while (token.use_count() > 1) {
         std::this_thread::yield();
     }

@@ -13,9 +13,9 @@
 #include <QDBusServer>
 #include <QDBusVirtualObject>
 #include <QDir>
-#include <QtEndian>
 #include <QSemaphore>
 #include <QThread>
+#include <QtEndian>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -118,8 +118,8 @@ void sendAndWait(DBusMessage* message) {
 void fitBodyLength(QByteArray& bytes) {
     const bool little = bytes[0] == 'l';
     auto* raw = reinterpret_cast<uchar*>(bytes.data());
-    const quint32 fields = little ? qFromLittleEndian<quint32>(raw + 12)
-                                  : qFromBigEndian<quint32>(raw + 12);
+    const quint32 fields =
+        little ? qFromLittleEndian<quint32>(raw + 12) : qFromBigEndian<quint32>(raw + 12);
     const quint64 bodyStart = (16 + static_cast<quint64>(fields) + 7) / 8 * 8;
     if (bodyStart > static_cast<quint64>(bytes.size())) {
         return;
@@ -177,7 +177,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     fitBodyLength(bytes);
     DBusError error;
     dbus_error_init(&error);
-    DBusMessage* message = dbus_message_demarshal(bytes.constData(), static_cast<int>(size), &error);
+    DBusMessage* message =
+        dbus_message_demarshal(bytes.constData(), static_cast<int>(size), &error);
     if (message == nullptr) {
         dbus_error_free(&error);
         return 0;  // libdbus refuses it on receipt, and drops the link
