@@ -7,7 +7,7 @@ CTEST := ctest -j$(JOBS) --preset
 N ?= 20
 STRESS_TESTS := concurrent|xpc_tests|extension_runtime_tests|daemon_proxy_tests|e2e_tests|e2e_fault_tests
 
-.PHONY: all deps build build-asan build-tsan test test-default test-asan test-tsan stress demo bench package clean format tidy
+.PHONY: all deps build build-asan build-tsan build-fuzz test test-default test-asan test-tsan test-fuzz stress fuzz demo bench package clean format tidy
 
 all: build
 
@@ -37,13 +37,25 @@ test-tsan: deps build/tsan/build.ninja
 	@cmake --build --preset tsan -j$(JOBS)
 	@$(CTEST) tsan
 
+build/fuzz/build.ninja: | deps
+	@cmake --preset fuzz >/dev/null
+
+# The fuzz targets, briefly: enough to keep them compiling and running clean over their corpora.
+test-fuzz: build-fuzz
+	@scripts/fuzz.sh build/fuzz 5
+
 # Each build's tests run once; a failure in one build does not stop the others (make -k), and the
 # run fails at the end if any did.
 test:
-	@$(MAKE) --no-print-directory -k test-default test-asan test-tsan
+	@$(MAKE) --no-print-directory -k test-default test-asan test-tsan test-fuzz
 
-build-asan build-tsan: build-%: deps build/%/build.ninja
+build-asan build-tsan build-fuzz: build-%: deps build/%/build.ninja
 	@cmake --build --preset $* -j$(JOBS)
+
+# Every fuzz target for FUZZ_SECONDS each, over a copy of its seed corpus (see fuzz/).
+FUZZ_SECONDS ?= 60
+fuzz: build-fuzz
+	@scripts/fuzz.sh build/fuzz $(FUZZ_SECONDS)
 
 # For hunting lifetime and ordering faults, not for CI.
 stress: build-asan build-tsan

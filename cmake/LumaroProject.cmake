@@ -9,6 +9,11 @@ if(LUMARO_SANITIZE)
   add_compile_options(-fsanitize=${_san} -fno-omit-frame-pointer -fno-sanitize-recover=all)
   add_link_options(-fsanitize=${_san})
 endif()
+# The fuzz build: every library carries libFuzzer's coverage counters; only the targets in fuzz/
+# link the fuzzer itself.
+if(LUMARO_FUZZ_ONLY)
+  add_compile_options(-fsanitize=fuzzer-no-link)
+endif()
 
 # Every test binary that exercises threads is labelled "concurrent"; the thread-sanitizer
 # build builds and runs only those.

@@ -56,9 +56,11 @@ void storeSetupValue(SetupResult& result, const QString& title, const QVariant& 
         const QByteArray data = value.toByteArray();
         result.configuration = data.isNull() ? QByteArray("") : data;  // data, never none
     } else if (title == kLMBroadcastExtensionKeyExtensionServiceURL) {
-        result.serviceURL = value.typeId() == QMetaType::QUrl
-                                ? value.toUrl()
-                                : QUrl(LMBroadcastValues::textValue(value));
+        const QUrl url = value.typeId() == QMetaType::QUrl
+                             ? value.toUrl()
+                             : QUrl(LMBroadcastValues::textValue(value));
+        // Text that is no URL converts to none: the host's side refuses to read it as one.
+        result.serviceURL = url.isValid() ? url : QUrl();
     }
 }
 

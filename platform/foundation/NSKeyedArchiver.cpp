@@ -122,9 +122,16 @@ bool decode(const QCborValue& value, int depth, QVariant& out, QString& reason) 
         case QCborValue::False:
             out = value.toBool();
             return true;
-        case QCborValue::Url:
-            out = value.toUrl();
+        case QCborValue::Url: {
+            // Read tolerantly, as QUrl reads text; what still is no URL is not one to hand on.
+            const QUrl url = value.toUrl();
+            if (!url.isValid() && !url.isEmpty()) {
+                reason = QStringLiteral("a URL that is not valid (%1)").arg(url.errorString());
+                return false;
+            }
+            out = url;
             return true;
+        }
         case QCborValue::DateTime:
             out = value.toDateTime();
             return true;

@@ -4,6 +4,8 @@
 #include <QDBusError>
 #include <QDBusMessage>
 #include <QDBusMetaType>
+#include <QDBusObjectPath>
+#include <QDBusSignature>
 #include <QDBusVariant>
 #include <QStringList>
 #include <algorithm>
@@ -253,6 +255,13 @@ QVariant plainValue(const QVariant& value) {
     }
     if (value.typeId() == qMetaTypeId<QDBusVariant>()) {
         return plainValue(value.value<QDBusVariant>().variant());
+    }
+    // Object paths and signatures are text to everyone but D-Bus.
+    if (value.typeId() == qMetaTypeId<QDBusObjectPath>()) {
+        return value.value<QDBusObjectPath>().path();
+    }
+    if (value.typeId() == qMetaTypeId<QDBusSignature>()) {
+        return value.value<QDBusSignature>().signature();
     }
     if (value.typeId() == QMetaType::QVariantMap) {
         QVariantMap out;
