@@ -6,12 +6,9 @@
 
 #include <QApplication>
 #include <QPointer>
-#include <QScopeGuard>
 #include <QWidget>
 #include <cstdio>
 #include <cstring>
-#include <functional>
-#include <utility>
 #include <vector>
 
 #include "platform/appkit/NSDisplaySession.h"
@@ -107,18 +104,6 @@ struct Extension {
     std::shared_ptr<NSExtensionContext> context;
     std::shared_ptr<NSViewController> principal;
     std::vector<ServedView> views;
-    // The host's remote-view request can overtake the answer to the check-in: it then waits
-    // until the request's context has been settled, so that the principal controller (the one
-    // that reads the request) serves the view, not a second one that knows no request.
-    bool contextSettled = false;
-    std::vector<std::function<void()>> waitingForContext;
-
-    void settleContext() {
-        contextSettled = true;
-        for (const auto& serve : std::exchange(waitingForContext, {})) {
-            serve();
-        }
-    }
 
     std::shared_ptr<NSViewController> controllerFor(const QString& className) {
         if (className.isEmpty() || (principal && className == launch.principalClass)) {
@@ -133,12 +118,6 @@ struct Extension {
 
     void serveRemoteView(const QString& className, const QVariant& clientParameters,
                          const RemoteViewReply& reply) {
-        if (!contextSettled) {
-            waitingForContext.push_back([this, className, clientParameters, reply] {
-                serveRemoteView(className, clientParameters, reply);
-            });
-            return;
-        }
         RemoteViewAnswer answer;
         std::shared_ptr<NSViewController> controller = controllerFor(className);
         if (!controller) {
@@ -237,7 +216,6 @@ int NSExtensionMain(int argc, char** argv) {
             if (!self) {
                 return;
             }
-            const auto settled = qScopeGuard([self] { self->settleContext(); });
             if (!context) {
                 os_log_error(OS_LOG_DEFAULT, "NSExtensionMain: the request cannot run: %{public}s",
                              qPrintable(why));
