@@ -4,6 +4,7 @@
 #include <QGuiApplication>
 #include <QLabel>
 #include <QPointer>
+#include <QThread>
 #include <QWidget>
 #include <QWindow>
 
@@ -178,7 +179,10 @@ void NSRemoteViewController::setHostWindowSource(std::function<QWindow*()> sourc
 }
 
 QVariant NSRemoteViewController::withHostWindow(const QVariant& clientParameters) {
-    QWindow* window = hostWindowSource()();
+    // The window lives on the main thread; a request made elsewhere goes without it.
+    const bool onMain = QCoreApplication::instance() != nullptr &&
+                        QThread::currentThread() == QCoreApplication::instance()->thread();
+    QWindow* window = hostWindowSource() && onMain && onWayland() ? hostWindowSource()() : nullptr;
     if (window == nullptr) {
         return clientParameters;
     }
@@ -212,46 +216,37 @@ void NSRemoteViewController::request(const QString& serviceBundleIdentifier,
         return;
     }
     const QString extensionIdentifier = serviceBundleIdentifier.chopped(kServiceSuffix.size());
-    auto received = [answer, factory,
-                     serviceBundleIdentifier](platform::extension::RemoteViewAnswer reply) {
-        if (reply.error) {
-            answer(nullptr, reply.error);
-            return;
-        }
-        std::shared_ptr<NSRemoteViewController> controller =
-            factory ? factory() : std::make_shared<NSRemoteViewController>();
-        if (!controller) {
-            answer(nullptr, nullptr);
-            return;
-        }
-        controller->serviceBundleIdentifier_ = serviceBundleIdentifier;
-        controller->windowId_ = reply.windowId;
-        controller->remoteSize_ = NSMakeSize(reply.size.width(), reply.size.height());
-        if (!reply.endpoint.isNull()) {
-            auto connection = NSXPCConnection::initWithListenerEndpoint(reply.endpoint);
-            if (auto exported = controller->exportedInterface()) {
-                connection->setExportedInterface(exported);
-                connection->setExportedObject(std::make_shared<Relay>(controller));
+    platform::extension::requestRemoteView(
+        extensionIdentifier, requestIdentifier, className,
+        withHostWindow(sendable(clientParameters)),
+        [answer, factory, serviceBundleIdentifier](platform::extension::RemoteViewAnswer reply) {
+            if (reply.error) {
+                answer(nullptr, reply.error);
+                return;
             }
-            if (auto remote = controller->serviceViewControllerInterface()) {
-                connection->setRemoteObjectInterface(remote);
+            std::shared_ptr<NSRemoteViewController> controller =
+                factory ? factory() : std::make_shared<NSRemoteViewController>();
+            if (!controller) {
+                answer(nullptr, nullptr);
+                return;
             }
-            connection->resume();
-            controller->connection_ = connection;
-        }
-        answer(controller, nullptr);
-    };
-    if (!hostWindowSource() || !onWayland()) {
-        platform::extension::requestRemoteView(extensionIdentifier, requestIdentifier, className,
-                                               sendable(clientParameters), received);
-        return;
-    }
-    // The window's handle is asked for on the main queue, where the window lives.
-    dispatch_async(dispatch_get_main_queue(), [=] {
-        platform::extension::requestRemoteView(extensionIdentifier, requestIdentifier, className,
-                                               withHostWindow(sendable(clientParameters)),
-                                               received);
-    });
+            controller->serviceBundleIdentifier_ = serviceBundleIdentifier;
+            controller->windowId_ = reply.windowId;
+            controller->remoteSize_ = NSMakeSize(reply.size.width(), reply.size.height());
+            if (!reply.endpoint.isNull()) {
+                auto connection = NSXPCConnection::initWithListenerEndpoint(reply.endpoint);
+                if (auto exported = controller->exportedInterface()) {
+                    connection->setExportedInterface(exported);
+                    connection->setExportedObject(std::make_shared<Relay>(controller));
+                }
+                if (auto remote = controller->serviceViewControllerInterface()) {
+                    connection->setRemoteObjectInterface(remote);
+                }
+                connection->resume();
+                controller->connection_ = connection;
+            }
+            answer(controller, nullptr);
+        });
 }
 
 namespace platform::appkit {

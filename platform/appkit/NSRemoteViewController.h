@@ -100,8 +100,8 @@ public:
     void loadView() override;
 
     // The window this process's remote views are shown in where nothing can be embedded
-    // (Wayland): called on the main queue for every request, its handle travels with it. The
-    // process's entry sets it (NSExtensionMain); none by default, and none is asked on X11.
+    // (Wayland): asked for every request made on the main thread, its handle travels with it.
+    // The process's entry sets it (NSExtensionMain); none by default, and none is asked on X11.
     static void setHostWindowSource(std::function<QWindow*()> source);
 
     const QString& serviceBundleIdentifier() const { return serviceBundleIdentifier_; }
