@@ -6,6 +6,7 @@
 
 #include <QApplication>
 #include <QPointer>
+#include <QResizeEvent>
 #include <QWidget>
 #include <QWindow>
 #include <cstdio>
@@ -51,6 +52,28 @@ private:
     std::atomic<bool> taken_{false};
 };
 
+// Keeps a view at the size of its own window, which the compositor (a tiling one, say) or the user
+// may change; the view's autoresizing and constraints then place what it holds.
+class FollowWindowSize : public QObject {
+public:
+    FollowWindowSize(QWidget* window, std::weak_ptr<NSView> view)
+        : QObject(window), view_(std::move(view)) {
+        window->installEventFilter(this);
+    }
+    bool eventFilter(QObject*, QEvent* event) override {
+        const auto view = event->type() == QEvent::Resize ? view_.lock() : nullptr;
+        const QSize size = view ? static_cast<QResizeEvent*>(event)->size() : QSize();
+        if (view &&
+            size != QSize(NSPixel(view->frame().size.width), NSPixel(view->frame().size.height))) {
+            view->setFrameSize(NSMakeSize(size.width(), size.height()));
+        }
+        return false;
+    }
+
+private:
+    std::weak_ptr<NSView> view_;
+};
+
 struct ServedView {
     std::shared_ptr<NSViewController> controller;
     std::shared_ptr<RemoteViewDelegate> delegate;
@@ -66,13 +89,16 @@ struct Extension {
     // host's window when the request brought that window's handle (xdg-foreign). Otherwise the
     // compositor places it. Shown once: the window of the principal's view may already be up
     // (hostWindow).
-    void showOwnWindow(QWidget* widget, const NSSize& size, const QString& hostWindowHandle) {
+    void showOwnWindow(const std::shared_ptr<NSView>& view, const QString& hostWindowHandle) {
+        QWidget* widget = view->widget();
         for (const QPointer<QWidget>& window : ownWindows) {
             if (window == widget) {
                 return;
             }
         }
+        const NSSize size = view->frame().size;
         widget->resize(qMax(1, NSPixel(size.width)), qMax(1, NSPixel(size.height)));
+        new FollowWindowSize(widget, view);
         widget->setWindowTitle(platform::appkit::extensionDisplayName(launch.extensionIdentifier));
         widget->show();
         ownWindows.emplace_back(widget);
@@ -101,7 +127,7 @@ struct Extension {
         }
         const std::shared_ptr<NSView> view = principal->view();
         if (QWidget* widget = view->widget()) {
-            showOwnWindow(widget, view->frame().size, {});
+            showOwnWindow(view, {});
             return widget->windowHandle();
         }
         return nullptr;
@@ -157,7 +183,7 @@ struct Extension {
             widget->show();  // a top-level window that the host embeds
             answer.windowId = qint64(widget->winId());
         } else if (widget && QGuiApplication::platformName().startsWith(QLatin1String("wayland"))) {
-            showOwnWindow(widget, view->frame().size, hostWindowHandle);
+            showOwnWindow(view, hostWindowHandle);
         }
         ServedView served;
         served.controller = controller;

@@ -127,7 +127,9 @@ void NSRemoteViewController::loadView() {
                 .arg(platform::appkit::extensionDisplayName(serviceBundleIdentifier_.chopped(
                     qMin(serviceBundleIdentifier_.size(), kServiceSuffix.size())))),
             host);
-        line->setAlignment(Qt::AlignCenter);
+        // At the top: a compositor may put the service's window over the middle of this one.
+        line->setAlignment(Qt::AlignHCenter | Qt::AlignTop);
+        line->setContentsMargins(12, 24, 12, 12);
         line->setWordWrap(true);
         line->setGeometry(host->rect());
         line->show();
