@@ -11,7 +11,7 @@ packages=(
   libsystemd-dev
   dbus-daemon dbus-bin python3-dbus python3-gi procps
   xvfb xauth
-  qt6-wayland libwayland-dev weston
+  qt6-wayland qt6-base-private-dev libwayland-dev wayland-protocols weston sway
 )
 
 missing=()

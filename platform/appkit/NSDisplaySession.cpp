@@ -3,7 +3,6 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
-#include <wayland-client.h>
 
 #include <QGuiApplication>
 #include <cerrno>
@@ -126,31 +125,6 @@ QString currentPlatformName() {
     return qobject_cast<QGuiApplication*>(QCoreApplication::instance()) != nullptr
                ? QGuiApplication::platformName()
                : QString();
-}
-
-bool compositorOffersForeignWindows() {
-    if (env("WAYLAND_DISPLAY").isEmpty() || !waylandSocketAnswers(nullptr)) {
-        return false;
-    }
-    wl_display* display = wl_display_connect(nullptr);
-    if (display == nullptr) {
-        return false;
-    }
-    bool offered = false;
-    wl_registry* registry = wl_display_get_registry(display);
-    static const wl_registry_listener listener = {
-        [](void* data, wl_registry*, uint32_t, const char* interface, uint32_t) {
-            if (std::strcmp(interface, "zxdg_importer_v2") == 0) {
-                *static_cast<bool*>(data) = true;
-            }
-        },
-        [](void*, wl_registry*, uint32_t) {},
-    };
-    wl_registry_add_listener(registry, &listener, &offered);
-    wl_display_roundtrip(display);
-    wl_registry_destroy(registry);
-    wl_display_disconnect(display);
-    return offered;
 }
 
 }  // namespace platform::appkit

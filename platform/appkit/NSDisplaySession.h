@@ -51,9 +51,4 @@ bool isRealDisplayPlatform(const QString& platformName);
 // The running QGuiApplication's platform name; empty without one.
 QString currentPlatformName();
 
-// Whether the Wayland compositor of this session offers xdg-foreign (zxdg_importer_v2), which
-// makes a window of one process the child of a window of another. Asks the compositor on a
-// connection of its own; false without a compositor.
-bool compositorOffersForeignWindows();
-
 }  // namespace platform::appkit

@@ -6,16 +6,19 @@
 
 #include <QApplication>
 #include <QPointer>
+#include <QResizeEvent>
 #include <QWidget>
+#include <QWindow>
 #include <cstdio>
 #include <cstring>
 #include <vector>
 
 #include "platform/appkit/NSDisplaySession.h"
+#include "platform/appkit/NSForeignWindow.h"
+#include "platform/appkit/NSRemoteViewController.h"
 #include "platform/appkit/NSStoryboard.h"
 #include "platform/appkit/NSViewController.h"
 #include "platform/dispatch/dispatch.h"
-#include "platform/extension/NSExtension.h"
 #include "platform/extension/NSExtensionContext.h"
 #include "platform/extension/NSExtensionRequest.h"
 #include "platform/log/os_log.h"
@@ -49,46 +52,85 @@ private:
     std::atomic<bool> taken_{false};
 };
 
+// Keeps a view at the size of its own window, which the compositor (a tiling one, say) or the user
+// may change; the view's autoresizing and constraints then place what it holds.
+class FollowWindowSize : public QObject {
+public:
+    FollowWindowSize(QWidget* window, std::weak_ptr<NSView> view)
+        : QObject(window), view_(std::move(view)) {
+        window->installEventFilter(this);
+    }
+    bool eventFilter(QObject*, QEvent* event) override {
+        const auto view = event->type() == QEvent::Resize ? view_.lock() : nullptr;
+        const QSize size = view ? static_cast<QResizeEvent*>(event)->size() : QSize();
+        if (view &&
+            size != QSize(NSPixel(view->frame().size.width), NSPixel(view->frame().size.height))) {
+            view->setFrameSize(NSMakeSize(size.width(), size.height()));
+        }
+        return false;
+    }
+
+private:
+    std::weak_ptr<NSView> view_;
+};
+
 struct ServedView {
     std::shared_ptr<NSViewController> controller;
     std::shared_ptr<RemoteViewDelegate> delegate;
     std::unique_ptr<NSXPCListener> listener;
 };
 
-// The name a window of this extension is titled with: its display name, else its bundle name,
-// else its identifier.
-QString displayNameOf(const QString& identifier) {
-    NSErrorPtr error;
-    if (NSExtensionPtr extension = NSExtension::extensionWithIdentifier(identifier, &error)) {
-        for (const QString& key : {kCFBundleDisplayNameKey, kCFBundleNameKey}) {
-            const QString name = extension->infoDictionary().value(key).toString();
-            if (!name.isEmpty()) {
-                return name;
-            }
-        }
-    }
-    return identifier;
-}
-
 struct Extension {
     platform::extension::Launch launch;
     std::vector<QPointer<QWidget>> ownWindows;
 
     // Where no window of another process can be embedded (Wayland), the view is a window of this
-    // process: of the remote view's size, titled with the extension's name. Making it the child
-    // of the host's window takes xdg-foreign and a handle of that window; without them the
-    // compositor places it.
-    void showOwnWindow(QWidget* widget, const NSSize& size) {
+    // process: of the remote view's size, titled with the extension's name, and the child of the
+    // host's window when the request brought that window's handle (xdg-foreign). Otherwise the
+    // compositor places it. Shown once: the window of the principal's view may already be up
+    // (hostWindow).
+    void showOwnWindow(const std::shared_ptr<NSView>& view, const QString& hostWindowHandle) {
+        QWidget* widget = view->widget();
+        for (const QPointer<QWidget>& window : ownWindows) {
+            if (window == widget) {
+                return;
+            }
+        }
+        const NSSize size = view->frame().size;
         widget->resize(qMax(1, NSPixel(size.width)), qMax(1, NSPixel(size.height)));
-        widget->setWindowTitle(displayNameOf(launch.extensionIdentifier));
-        const char* why = platform::appkit::compositorOffersForeignWindows()
-                              ? "no handle of the host's window reaches this process"
-                              : "the compositor offers no xdg-foreign";
-        os_log(OS_LOG_DEFAULT,
-               "NSExtensionMain: %{public}s; the window \"%{public}s\" is placed by the compositor",
-               why, qPrintable(widget->windowTitle()));
+        new FollowWindowSize(widget, view);
+        widget->setWindowTitle(platform::appkit::extensionDisplayName(launch.extensionIdentifier));
         widget->show();
         ownWindows.emplace_back(widget);
+        QString why = platform::appkit::foreignWindowsOffered()
+                          ? QStringLiteral("no handle of the host's window reaches this process")
+                          : QStringLiteral("the compositor offers no xdg-foreign");
+        if (!hostWindowHandle.isEmpty() &&
+            platform::appkit::setForeignParent(widget->windowHandle(), hostWindowHandle, &why)) {
+            os_log(OS_LOG_DEFAULT,
+                   "NSExtensionMain: the window \"%{public}s\" is transient for the host's window",
+                   qPrintable(widget->windowTitle()));
+            return;
+        }
+        os_log(OS_LOG_DEFAULT,
+               "NSExtensionMain: %{public}s; the window \"%{public}s\" is placed by the compositor",
+               qPrintable(why), qPrintable(widget->windowTitle()));
+    }
+
+    // The window that remote views of this process are shown in (Wayland): the principal's, shown
+    // now if the host has not asked for it yet, so that their windows can be its children. None
+    // where the compositor could not name it to other processes.
+    QWindow* hostWindow() {
+        if (!principal || !principal->isViewLoaded() ||
+            !platform::appkit::foreignWindowsOffered()) {
+            return nullptr;
+        }
+        const std::shared_ptr<NSView> view = principal->view();
+        if (QWidget* widget = view->widget()) {
+            showOwnWindow(view, {});
+            return widget->windowHandle();
+        }
+        return nullptr;
     }
 
     // The request ended: its windows go with it.
@@ -128,8 +170,11 @@ struct Extension {
             reply(answer);
             return;
         }
+        QString hostWindowHandle;
+        const QVariant parameters =
+            platform::appkit::takeParentWindowHandle(clientParameters, &hostWindowHandle);
         if (auto service = std::dynamic_pointer_cast<NSServiceViewController>(controller)) {
-            service->setHostAppClientParameters(clientParameters);
+            service->setHostAppClientParameters(parameters);
         }
         std::shared_ptr<NSView> view = controller->view();
         answer.size = QSizeF(view->frame().size.width, view->frame().size.height);
@@ -138,7 +183,7 @@ struct Extension {
             widget->show();  // a top-level window that the host embeds
             answer.windowId = qint64(widget->winId());
         } else if (widget && QGuiApplication::platformName().startsWith(QLatin1String("wayland"))) {
-            showOwnWindow(widget, view->frame().size);
+            showOwnWindow(view, hostWindowHandle);
         }
         ServedView served;
         served.controller = controller;
@@ -240,6 +285,10 @@ int NSExtensionMain(int argc, char** argv) {
                 return;
             }
             self->principal->beginRequestWithExtensionContext(context);
+            NSRemoteViewController::setHostWindowSource([weak] {
+                auto extension = weak.lock();
+                return extension ? extension->hostWindow() : nullptr;
+            });
             // A request without input items is a host showing the view with view-service
             // parameters: the view loads when that host asks for it, parameters first.
             if (context->inputItems().empty()) {

@@ -2,19 +2,36 @@
 
 #include <QEvent>
 #include <QGuiApplication>
+#include <QLabel>
 #include <QPointer>
+#include <QThread>
 #include <QWidget>
 #include <QWindow>
 
+#include "platform/appkit/NSDisplaySession.h"
+#include "platform/appkit/NSForeignWindow.h"
 #include "platform/dispatch/dispatch.h"
+#include "platform/extension/NSExtension.h"
 #include "platform/extension/NSExtensionRequest.h"
 #include "platform/log/os_log.h"
 
 namespace {
 
 const QString kServiceSuffix = QStringLiteral(".veilnet");
+const QString kParentWindowHandleKey = QStringLiteral("NSRemoteViewParentWindowHandle");
+const QString kClientParametersKey = QStringLiteral("NSRemoteViewClientParameters");
 
-// Keeps the window container at the size of the view's widget.
+std::function<QWindow*()>& hostWindowSource() {
+    static std::function<QWindow*()> source;
+    return source;
+}
+
+bool onWayland() {
+    return platform::appkit::currentPlatformName().startsWith(QLatin1String("wayland"));
+}
+
+// Keeps a child (the window container, or the placeholder's line) at the size of the view's
+// widget.
 class FollowBounds : public QObject {
 public:
     FollowBounds(QWidget* host, QWidget* container) : QObject(host), container_(container) {}
@@ -103,6 +120,22 @@ void NSRemoteViewController::loadView() {
     auto view = NSView::initWithFrame(NSMakeRect(0, 0, remoteSize_.width, remoteSize_.height));
     setView(view);
     QWidget* host = view->widget();
+    if (host != nullptr && windowId_ == 0 && onWayland()) {
+        // The service's view is in a window of the service's process: say so where it would be.
+        auto* line = new QLabel(
+            QStringLiteral("%1 is open in its own window.")
+                .arg(platform::appkit::extensionDisplayName(serviceBundleIdentifier_.chopped(
+                    qMin(serviceBundleIdentifier_.size(), kServiceSuffix.size())))),
+            host);
+        // At the top: a compositor may put the service's window over the middle of this one.
+        line->setAlignment(Qt::AlignHCenter | Qt::AlignTop);
+        line->setContentsMargins(12, 24, 12, 12);
+        line->setWordWrap(true);
+        line->setGeometry(host->rect());
+        line->show();
+        host->installEventFilter(new FollowBounds(host, line));
+        return;
+    }
     if (windowId_ == 0 || host == nullptr || QGuiApplication::platformName() != "xcb") {
         return;  // a placeholder of the service view's size
     }
@@ -143,6 +176,29 @@ void NSRemoteViewController::requestViewController(const QString& serviceViewCon
             std::move(connectionHandler), std::move(factory));
 }
 
+void NSRemoteViewController::setHostWindowSource(std::function<QWindow*()> source) {
+    hostWindowSource() = std::move(source);
+}
+
+QVariant NSRemoteViewController::withHostWindow(const QVariant& clientParameters) {
+    // The window lives on the main thread; a request made elsewhere goes without it.
+    const bool onMain = QCoreApplication::instance() != nullptr &&
+                        QThread::currentThread() == QCoreApplication::instance()->thread();
+    QWindow* window = hostWindowSource() && onMain && onWayland() ? hostWindowSource()() : nullptr;
+    if (window == nullptr) {
+        return clientParameters;
+    }
+    QString why;
+    const QString handle = platform::appkit::exportForeignWindow(window, &why);
+    if (handle.isEmpty()) {
+        os_log_error(OS_LOG_DEFAULT,
+                     "NSRemoteViewController: this process's window has no handle: %{public}s",
+                     qPrintable(why));
+        return clientParameters;
+    }
+    return platform::appkit::withParentWindowHandle(clientParameters, handle);
+}
+
 void NSRemoteViewController::request(const QString& serviceBundleIdentifier,
                                      const QUuid& requestIdentifier, const QString& className,
                                      const QVariant& clientParameters, ConnectionHandler handler,
@@ -163,7 +219,8 @@ void NSRemoteViewController::request(const QString& serviceBundleIdentifier,
     }
     const QString extensionIdentifier = serviceBundleIdentifier.chopped(kServiceSuffix.size());
     platform::extension::requestRemoteView(
-        extensionIdentifier, requestIdentifier, className, sendable(clientParameters),
+        extensionIdentifier, requestIdentifier, className,
+        withHostWindow(sendable(clientParameters)),
         [answer, factory, serviceBundleIdentifier](platform::extension::RemoteViewAnswer reply) {
             if (reply.error) {
                 answer(nullptr, reply.error);
@@ -193,3 +250,40 @@ void NSRemoteViewController::request(const QString& serviceBundleIdentifier,
             answer(controller, nullptr);
         });
 }
+
+namespace platform::appkit {
+
+QVariant withParentWindowHandle(const QVariant& clientParameters, const QString& handle) {
+    QVariantMap sent{{kParentWindowHandleKey, handle}};
+    if (clientParameters.isValid()) {
+        sent.insert(kClientParametersKey, clientParameters);
+    }
+    return sent;
+}
+
+QVariant takeParentWindowHandle(const QVariant& sent, QString* handle) {
+    const QVariantMap map = sent.typeId() == QMetaType::QVariantMap ? sent.toMap() : QVariantMap();
+    const QVariant value = map.value(kParentWindowHandleKey);
+    if (value.typeId() != QMetaType::QString) {
+        handle->clear();
+        return sent;
+    }
+    *handle = value.toString();
+    return map.value(kClientParametersKey);
+}
+
+QString extensionDisplayName(const QString& extensionIdentifier) {
+    NSErrorPtr error;
+    if (NSExtensionPtr extension =
+            NSExtension::extensionWithIdentifier(extensionIdentifier, &error)) {
+        for (const QString& key : {kCFBundleDisplayNameKey, kCFBundleNameKey}) {
+            const QString name = extension->infoDictionary().value(key).toString();
+            if (!name.isEmpty()) {
+                return name;
+            }
+        }
+    }
+    return extensionIdentifier;
+}
+
+}  // namespace platform::appkit

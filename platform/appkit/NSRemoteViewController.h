@@ -7,7 +7,14 @@
 // its own process that the remote view embeds (a window container that fills the remote view's
 // bounds and follows them). Without X11 the remote view is a placeholder of the service view's
 // size: on Wayland the service shows its view in a window of its own process (see
-// NSExtensionMain), without a display it runs on its own (an automated setup, for instance).
+// NSExtensionMain) and the placeholder says so; without a display it runs on its own (an
+// automated setup, for instance).
+//
+// On Wayland the request also carries the handle (xdg-foreign) of the window this process's
+// views are shown in, when there is one, so that the service's window becomes its child: the
+// client parameters travel inside a dictionary that holds the handle as well (see
+// withParentWindowHandle), and the service's process takes them apart before its controller
+// sees them. On X11 the request is unchanged.
 //
 // Each remote view has a link of its own to the service's process: the remote view controller
 // exports `exportedInterface()` with itself as the object (messages arrive in performSelector, on
@@ -26,6 +33,7 @@
 #include "platform/xpc/NSXPCConnection.h"
 
 class QWidget;
+class QWindow;
 
 class NSRemoteViewControllerParameters {
 public:
@@ -87,8 +95,14 @@ public:
     // Messages from the service's controller; the default ignores them.
     void performSelector(const QString& selector, const QVariantList& arguments) override;
 
-    // A view of the service view's size, with the service's window embedded under X11.
+    // A view of the service view's size, with the service's window embedded under X11, or a
+    // line saying that it is open in a window of its own on Wayland.
     void loadView() override;
+
+    // The window this process's remote views are shown in where nothing can be embedded
+    // (Wayland): asked for every request made on the main thread, its handle travels with it.
+    // The process's entry sets it (NSExtensionMain); none by default, and none is asked on X11.
+    static void setHostWindowSource(std::function<QWindow*()> source);
 
     const QString& serviceBundleIdentifier() const { return serviceBundleIdentifier_; }
     // The service view's window under X11 (0: none, the view is a placeholder).
@@ -105,7 +119,22 @@ private:
     NSSize remoteSize_;
     std::shared_ptr<NSXPCConnection> connection_;
 
+    static QVariant withHostWindow(const QVariant& clientParameters);
     static void request(const QString& serviceBundleIdentifier, const QUuid& requestIdentifier,
                         const QString& className, const QVariant& clientParameters,
                         ConnectionHandler handler, Factory factory);
 };
+
+namespace platform::appkit {
+
+// The client parameters of a remote-view request together with the handle of the requesting
+// process's window, and the two taken apart again (parameters without a handle come back
+// unchanged, with an empty handle).
+QVariant withParentWindowHandle(const QVariant& clientParameters, const QString& handle);
+QVariant takeParentWindowHandle(const QVariant& sent, QString* handle);
+
+// The name a service's windows and remote views are titled with: the extension's display name
+// (CFBundleDisplayName), else its bundle name, else its identifier.
+QString extensionDisplayName(const QString& extensionIdentifier);
+
+}  // namespace platform::appkit

@@ -1,7 +1,8 @@
 // The whole road on a Wayland-only session: a private headless weston, no X11 display. The real
 // menu shows (and is clicked by script), the setup form shows in the service's own window, the
 // outcome reaches the host; and the session's faults end the request cleanly. Screenshots land
-// in build/<dir>/screenshots/wayland-*.png. Skipped when weston is not installed.
+// in build/<dir>/screenshots/wayland-*.png. Skipped when weston is not installed. Under sway,
+// which offers xdg-foreign, the form's window is the child of the picker's.
 #include <gtest/gtest.h>
 
 #include <QFile>
@@ -11,6 +12,7 @@
 
 #include "tests/e2e/Road.h"
 #include "tests/platform/appkit/XvfbServer.h"
+#include "tests/support/SwayServer.h"
 #include "tests/support/WestonServer.h"
 
 using namespace lumaro::test;
@@ -166,6 +168,24 @@ TEST_F(WaylandRoadTest, AnExtensionStartedWithoutItsCompositorEndsItsRequest) {
     EXPECT_EQ(host.exitCode, 1);  // no outcome: nothing was set up, nothing falsely reported
     EXPECT_TRUE(host.outcome().isEmpty());
     EXPECT_TRUE(road.daemonRequests().isEmpty());
+}
+
+TEST(WaylandSessionTest, WithXdgForeignTheFormsWindowIsTransientForThePickers) {
+    SwayServer sway;
+    if (!SwayServer::available()) {
+        GTEST_SKIP() << "sway is not installed: no compositor that offers xdg-foreign";
+    }
+    Road road;
+    road.installService(Road::Service(kService, QStringLiteral("Northwind Live")));
+    ASSERT_TRUE(road.startDaemon());
+    ASSERT_TRUE(sway.start()) << sway.error().toStdString();
+    road.setSession(sway.environment(QProcessEnvironment()));
+    const HostRun host = road.pick({QStringLiteral("--choose"), kService});
+    EXPECT_EQ(host.countInLog(QStringLiteral(
+                  "NSExtensionMain: the window \"Northwind Live\" is transient for the host's "
+                  "window")),
+              1)
+        << host.standardError.toStdString();
 }
 
 TEST(WaylandSessionTest, AMissingCompositorSocketIsOneLineAndAFailure) {
