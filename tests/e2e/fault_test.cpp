@@ -188,10 +188,11 @@ TEST_F(FaultTest, MalformedMessagesToTheDaemonAreRefusedAndTheLinkStaysUsable) {
         road.environment().value(QStringLiteral("DBUS_SESSION_BUS_ADDRESS")),
         QStringLiteral("malformed-peer"));
     ASSERT_TRUE(peer.isConnected());
-    const auto call = [&](const QString& member, const QVariantList& arguments) {
+    const auto call = [&](const QString& member, const QVariantList& arguments,
+                          const QString& interface = QStringLiteral("com.vantor.lumarod.Daemon")) {
         QDBusMessage message = QDBusMessage::createMethodCall(
-            QStringLiteral("com.vantor.lumarod"), QStringLiteral("/com/vantor/lumarod"),
-            QStringLiteral("com.vantor.lumarod.Daemon"), member);
+            QStringLiteral("com.vantor.lumarod"), QStringLiteral("/com/vantor/lumarod"), interface,
+            member);
         message.setArguments(arguments);
         return peer.call(message, QDBus::Block, kHungMs);
     };
@@ -203,14 +204,23 @@ TEST_F(FaultTest, MalformedMessagesToTheDaemonAreRefusedAndTheLinkStaysUsable) {
                             one(QByteArray("c")), one(QVariantMap{})};
     QVariantList huge = good;
     huge[0] = QVariant::fromValue(QVariantList(1000000, QStringLiteral("x")));
-    const std::vector<std::tuple<QString, QVariantList, QString>> cases = {
-        {setup, {42, QStringLiteral("b"), QByteArray("c"), 1}, QStringLiteral("InvalidArgs")},
-        {setup, huge, QStringLiteral("InvalidArgs")},
-        {QStringLiteral("noSuchRequest_"), {}, QStringLiteral("UnknownMethod")},
+    QVariantList twoInOne = good;
+    twoInOne[0] = QVariant::fromValue(QVariantList{QStringLiteral("a"), QStringLiteral("b")});
+    const QString other = QStringLiteral("com.example.Other");
+    // Member, arguments, the error's name and, when not the daemon's, the interface.
+    const std::vector<std::tuple<QString, QVariantList, QString, QString>> cases = {
+        {setup, {42, QStringLiteral("b"), QByteArray("c"), 1}, QStringLiteral("InvalidArgs"), {}},
+        {setup, huge, QStringLiteral("InvalidArgs"), {}},
+        {setup, good.mid(1), QStringLiteral("InvalidArgs"), {}},
+        {setup, twoInOne, QStringLiteral("InvalidArgs"), {}},
+        {QStringLiteral("noSuchRequest_"), {}, QStringLiteral("UnknownMethod"), {}},
+        {setup + QStringLiteral("_1"), good, QStringLiteral("UnknownMethod"), {}},
+        {setup, good, QStringLiteral("UnknownInterface"), other},
     };
-    for (const auto& [member, arguments, error] : cases) {
+    for (const auto& [member, arguments, error, interface] : cases) {
         SCOPED_TRACE(error.toStdString());
-        const QDBusMessage answer = call(member, arguments);
+        const QDBusMessage answer = interface.isEmpty() ? call(member, arguments)
+                                                        : call(member, arguments, interface);
         EXPECT_EQ(answer.errorName(), QStringLiteral("org.freedesktop.DBus.Error.") + error);
         QString log;
         EXPECT_TRUE(runMainLoopUntil(
