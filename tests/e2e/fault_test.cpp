@@ -156,14 +156,10 @@ TEST_F(FaultTest, PickerKilledIsReportedByTheHostInOneLine) {
     ASSERT_TRUE(host.finished) << host.standardError.toStdString();
     EXPECT_EQ(host.exitCode, 1);
     EXPECT_TRUE(host.standardOutput.isEmpty()) << host.standardOutput.toStdString();
-    // Its one line beside the messages it was asked to show (--verbose).
-    EXPECT_EQ(host.countInLog("lumaro-broadcast pick: ") -
-                  host.countInLog("lumaro-broadcast pick: arrived "),
-              1)
-        << host.standardError.toStdString();
-    EXPECT_EQ(host.countInLog("lumaro-broadcast pick: no outcome: the picker exited before it "
-                              "reported an outcome"),
-              1);
+    // Its one line, beside the messages it was asked to show (--verbose).
+    EXPECT_EQ(host.countInLog("pick: ") - host.countInLog("pick: arrived "), 1);
+    EXPECT_EQ(host.countInLog("pick: no outcome: the picker exited before it reported an outcome"),
+              1) << host.standardError.toStdString();
     // The picker's own child goes with its link.
     EXPECT_TRUE(runMainLoopUntil([this] { return ended(setupUI); }, kHungMs));
 }
