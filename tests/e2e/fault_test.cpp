@@ -1,7 +1,6 @@
-// Faults along the road, with real processes on a private bus: a process killed or crashing in
-// the middle of a request, and a peer that sends what the daemon does not take. Each ends in
-// what the survivors can know (an error line, the host's one line and exit status), never in a
-// crash, a hang or a process left behind.
+// Faults along the road, with real processes on a private bus: a process killed or crashing
+// mid-request, a peer sending what the daemon does not take. Each ends in what the survivors can
+// know (an error line, the host's one line and status), never a crash, a hang or a process left.
 #include <gtest/gtest.h>
 
 #include <signal.h>
@@ -26,9 +25,6 @@ using platform::log::LogCapture;
 namespace {
 
 const QString kNorthwind = QStringLiteral("com.test.northwind.setupui");
-const QString kPicker = QStringLiteral("lumaro-broadcast-picker");
-const QString kSetupUI = QStringLiteral("example-setup-ui");
-const QString kSheetArrival = QStringLiteral("arrived presentBroadcastActivitySheet");
 // A generous limit that means "hung", not a measurement.
 constexpr int kHungMs = 20000;
 
@@ -52,9 +48,10 @@ protected:
         EXPECT_TRUE(road.startDaemon());
         bool done = false;
         return road.pick({"--choose", kNorthwind}, [&](const HostRun& run) {
-            picker = run.pidInLog(kPicker);
-            setupUI = run.pidInLog(kSetupUI);
-            if (!done && picker != 0 && setupUI != 0 && run.countInLog(kSheetArrival) == 1) {
+            picker = run.pidInLog("lumaro-broadcast-picker");
+            setupUI = run.pidInLog("example-setup-ui");
+            const bool shown = run.countInLog("arrived presentBroadcastActivitySheet") == 1;
+            if (!done && picker != 0 && setupUI != 0 && shown) {
                 done = true;
                 fault(run);
             }
@@ -169,11 +166,9 @@ TEST_F(FaultTest, PickerKilledIsReportedByTheHostInOneLine) {
 TEST_F(FaultTest, HostKilledEndsThePickerAndTheSetupUI) {
     const HostRun host =
         pickAndThen([](const HostRun& run) { ::kill(pid_t(run.pid), SIGKILL); });
-    ASSERT_NE(picker, 0) << host.standardError.toStdString();
-    ASSERT_NE(setupUI, 0);
+    ASSERT_TRUE(picker != 0 && setupUI != 0) << host.standardError.toStdString();
     EXPECT_TRUE(runMainLoopUntil([this] { return ended(picker) && ended(setupUI); }, kHungMs))
         << host.standardError.toStdString();
-    EXPECT_TRUE(road.daemonRequests().isEmpty());
 }
 
 // Messages the daemon's interface does not hold, straight off the bus: each is refused with an

@@ -62,8 +62,6 @@ protected:
         ASSERT_TRUE(raw_->registerService(kRawName));
         client_ = NSXPCConnection::initWithMachServiceName(kRawName, 0);
         client_->setRemoteObjectInterface(NSXPCInterface::interfaceWithProtocol(EchoProtocol()));
-        client_->setExportedInterface(NSXPCInterface::interfaceWithProtocol(EchoProtocol()));
-        client_->setExportedObject(clientObject_);
         client_->resume();
     }
     void TearDown() override {
@@ -75,8 +73,6 @@ protected:
     RawObject object_;
     std::unique_ptr<QDBusConnection> raw_;
     std::shared_ptr<NSXPCConnection> client_;
-    std::shared_ptr<lumaro::test::EchoObject> clientObject_ =
-        std::make_shared<lumaro::test::EchoObject>();
 };
 
 TEST_F(BadInputTest, RepliesOfTheWrongShapeReachTheErrorHandlerOnce) {
