@@ -113,6 +113,7 @@ NSXPCConnection::~NSXPCConnection() {
         for (CallReceiver* receiver : left) {
             delete receiver;
         }
+        delete d_->linkCheck.data();  // a link check still waiting for its answer
         delete thread->context;
     }
     delete thread;

@@ -5,6 +5,7 @@
 #include <QFile>
 #include <QJsonDocument>
 #include <QProcess>
+#include <QRegularExpression>
 
 namespace lumaro::test {
 
@@ -35,13 +36,8 @@ int HostRun::countInLog(const QString& text) const {
 }
 
 qint64 HostRun::pidInLog(const QString& program) const {
-    const QString tag = QStringLiteral(" %1[").arg(program);
-    const qsizetype at = standardError.indexOf(tag);
-    if (at < 0) {
-        return 0;
-    }
-    const qsizetype from = at + tag.size();
-    return standardError.mid(from, standardError.indexOf(QLatin1Char(']'), from) - from).toLongLong();
+    const QRegularExpression tag(QStringLiteral(" %1\\[(\\d+)\\]").arg(program));
+    return tag.match(standardError).captured(1).toLongLong();
 }
 
 QString broadcastExtensionOf(const QString& serviceIdentifier) {
