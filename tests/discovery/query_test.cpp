@@ -4,7 +4,7 @@
 
 #include "discovery/LMExtensions.h"
 #include "platform/log/os_log.h"
-#include "tests/discovery/ManifestFixture.h"
+#include "tests/support/Manifests.h"
 
 using namespace lumaro::test;
 

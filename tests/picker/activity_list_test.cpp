@@ -9,8 +9,8 @@
 #include "picker/LMBroadcastActivityKeys.h"
 #include "platform/dispatch/dispatch.h"
 #include "platform/extension/UTType.h"
-#include "tests/discovery/ManifestFixture.h"
 #include "tests/picker/PickerFixture.h"
+#include "tests/support/Manifests.h"
 
 using namespace lumaro::test;
 

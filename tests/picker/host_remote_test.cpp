@@ -13,8 +13,11 @@
 #include "platform/log/os_log.h"
 #include "service/LMBroadcastActivityViewServiceProtocols.h"
 #include "tests/picker/HandOffFixture.h"
+#include "tests/support/TestMain.h"
 
 using namespace lumaro::test;
+
+LUMARO_TEST_MAIN(.ownMainBundle = true);  // no storyboard
 
 namespace {
 

@@ -16,6 +16,8 @@
 
 using namespace lumaro::test;
 
+LUMARO_TEST_MAIN(.ownMainBundle = true);  // tests put the storyboard in it or take it away
+
 namespace {
 
 const std::string kMethod = "-[LMBroadcastActivityExtensionNSViewController loadView]";

@@ -12,6 +12,7 @@
 #include "platform/extension/UTType.h"
 #include "platform/foundation/NSKeyedArchiver.h"
 #include "tests/picker/PickerFixture.h"
+#include "tests/support/Manifests.h"
 
 using namespace lumaro::test;
 
@@ -23,17 +24,9 @@ const std::string kSingleMethod =
 const NSPoint kAnchor = NSMakePoint(static_cast<double>(120.7f), static_cast<double>(45.2f));
 
 QVariantMap unarchivedAttachment(const NSExtensionItemPtr& item) {
-    QVariant value;
-    std::atomic<bool> done{false};
-    item->attachments().at(0)->loadItemForTypeIdentifier(
-        kUTTypeData, {}, [&](const QVariant& loaded, const NSErrorPtr&) {
-            value = loaded;
-            done = true;
-        });
-    platform::dispatch::runMainLoopUntil([&] { return done.load(); }, 20000);
-    return NSKeyedUnarchiver::unarchiveObjectWithData(value.toByteArray()).toMap();
+    const QVariant data = loadItem(item->attachments().at(0));
+    return NSKeyedUnarchiver::unarchiveObjectWithData(data.toByteArray()).toMap();
 }
-
 QStringList titles(const platform::appkit::MenuRecord& record) {
     QStringList out;
     for (const auto& entry : record.entries) {

@@ -11,6 +11,7 @@
 #include "platform/log/os_log.h"
 #include "service/LMBroadcastActivityViewServiceExtensionContext.h"
 #include "service/LMBroadcastActivityViewServiceProtocols.h"
+#include "tests/support/TestMain.h"
 
 namespace {
 
@@ -105,9 +106,7 @@ TEST(ExtensionContextTest, OpenURLNeverCompletes) {
     std::atomic<int> completions{0};
     context->openURL(QUrl("https://example.test/"), [&completions](bool) { completions++; });
     context->openURL(QUrl(), {});
-    std::atomic<bool> flushed{false};  // anything queued for the main queue has run after this
-    dispatch_async(dispatch_get_main_queue(), [&flushed] { flushed = true; });
-    platform::dispatch::runMainLoopUntil([&] { return flushed.load(); }, 20000);
+    lumaro::test::flushMainQueue();
     EXPECT_EQ(completions.load(), 0);
 }
 

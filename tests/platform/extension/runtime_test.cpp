@@ -20,17 +20,17 @@
 #include "platform/extension/UTType.h"
 #include "platform/foundation/NSKeyedArchiver.h"
 #include "platform/xpc/NSInvocation.h"
+#include "tests/support/Manifests.h"
 #include "tests/support/TempDir.h"
+#include "tests/support/TestBus.h"
 
+using lumaro::test::buildPath;
+using lumaro::test::loadItem;
 using platform::dispatch::runMainLoopUntil;
 
 namespace {
 
 constexpr int kWaitMs = 20000;  // a bound for the waits, not a measure
-
-QString buildPath(const QString& relative) {
-    return qEnvironmentVariable("LUMARO_BUILD_DIR") + QLatin1Char('/') + relative;
-}
 
 NSExtensionPtr extensionFor(const QString& identifier, const QString& executable,
                             const QString& principal, const QString& contextClass = {}) {
@@ -105,19 +105,6 @@ bool allRequestsGone() {
         kWaitMs);
 }
 
-QVariant load(const NSItemProviderPtr& provider, NSErrorPtr* error) {
-    std::atomic<bool> done{false};
-    QVariant result;
-    provider->loadItemForTypeIdentifier(kUTTypeData, {},
-                                        [&](const QVariant& v, const NSErrorPtr& e) {
-                                            result = v;
-                                            *error = e;
-                                            done = true;
-                                        });
-    runMainLoopUntil([&] { return done.load(); }, kWaitMs);
-    return result;
-}
-
 class Runtime : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
@@ -156,7 +143,7 @@ TEST(RuntimeItems, TravelWithTitleTypeDataAndUserInfo) {
     EXPECT_EQ((*decoded)[0]->attachments()[0]->typeIdentifier(), kUTTypeData);
     EXPECT_EQ((*decoded)[0]->userInfo().value("url").toUrl(), QUrl("https://example.com/a"));
     NSErrorPtr error;
-    EXPECT_EQ(load((*decoded)[0]->attachments()[0], &error), QByteArray("\x00\x01value", 7));
+    EXPECT_EQ(loadItem((*decoded)[0]->attachments()[0], &error), QByteArray("\x00\x01value", 7));
     EXPECT_TRUE((*decoded)[1]->attributedTitle().isNull());
     EXPECT_EQ((*decoded)[1]->attachments()[0]->toPlainValue().value("item").toUrl(),
               QUrl("https://example.com/b"));
@@ -195,7 +182,7 @@ TEST_F(Runtime, SetupUIReadsTheHostInfoAndReturnsTheFourItems) {
         EXPECT_EQ(outcome->items[i]->attributedTitle(), titles[qsizetype(i)]);
         ASSERT_EQ(outcome->items[i]->attachments().size(), 1u);
         NSErrorPtr error;
-        values.push_back(load(outcome->items[i]->attachments()[0], &error));
+        values.push_back(loadItem(outcome->items[i]->attachments()[0], &error));
         EXPECT_EQ(error, nullptr);
     }
     EXPECT_EQ(values[0].toString(), "com.example.lumenstream.broadcast");
@@ -221,9 +208,9 @@ TEST_F(Runtime, CancelGivesAnEmptyListAndAFailedItemStaysUnloadable) {
     ASSERT_TRUE(runMainLoopUntil([&] { return failing->completions == 1; }, kWaitMs));
     ASSERT_EQ(failing->items.size(), 4u);
     NSErrorPtr error;
-    load(failing->items[1]->attachments()[0], &error);
+    loadItem(failing->items[1]->attachments()[0], &error);
     EXPECT_NE(error, nullptr);
-    load(failing->items[0]->attachments()[0], &error);
+    loadItem(failing->items[0]->attachments()[0], &error);
     EXPECT_EQ(error, nullptr);
 }
 
@@ -275,7 +262,7 @@ TEST_F(Runtime, RemoteViewControllerOfARunningRequest) {
     ASSERT_TRUE(runMainLoopUntil([&] { return outcome->completions == 1; }, kWaitMs));
     ASSERT_EQ(outcome->items.size(), 4u);
     NSErrorPtr error;
-    const QVariantMap userInfo = load(outcome->items[2]->attachments()[0], &error).toMap();
+    const QVariantMap userInfo = loadItem(outcome->items[2]->attachments()[0], &error).toMap();
     const QVariantMap received = userInfo.value("hostAppClientParameters").toMap();
     EXPECT_EQ(received.value("request-identifier").toString(), outcome->uuid.toString());
     EXPECT_EQ(received.value("isPrismApp").toString(), "NO");
