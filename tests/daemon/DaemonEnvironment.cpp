@@ -7,12 +7,7 @@
 
 namespace lumaro::test {
 
-namespace {
-DaemonEnvironment* gCurrent = nullptr;
-}
-
 DaemonEnvironment::DaemonEnvironment(const QStringList* daemonArguments) {
-    gCurrent = this;
     qputenv("HOME", home_.path().toUtf8());
     QDir().mkpath(home_.path() + QStringLiteral("/Library/Application Support/com.vantor.lumarod"));
     // The client runs sandboxed with the entitlements it ships with: its bundle for reading and
@@ -30,38 +25,29 @@ DaemonEnvironment::DaemonEnvironment(const QStringList* daemonArguments) {
     }
 }
 
-DaemonEnvironment& DaemonEnvironment::current() {
-    return *gCurrent;
-}
-
 bool DaemonEnvironment::startDaemon() {
     daemon_ = std::make_unique<ChildProcess>(
         buildPath(QStringLiteral("programs/lumarod-reference/lumarod-reference")), arguments_);
     return daemon_->start() && bus_->waitForName(QStringLiteral("com.vantor.lumarod"), true, 10000);
 }
 
-int DaemonEnvironment::recordCount(const QString& selector) {
+int DaemonEnvironment::recordCount(const QString& selector, QJsonObject* last) {
     int n = 0;
     for (const QJsonObject& line : readJsonLines(record_)) {
-        n += line.value(QStringLiteral("selector")).toString() == selector ? 1 : 0;
+        if (line.value(QStringLiteral("selector")).toString() == selector) {
+            ++n;
+            if (last != nullptr) {
+                *last = line;
+            }
+        }
     }
     return n;
 }
 
 QJsonObject DaemonEnvironment::waitForRecord(const QString& selector, int count, int timeoutMs) {
     QJsonObject last;
-    platform::dispatch::runMainLoopUntil(
-        [&] {
-            int n = 0;
-            for (const QJsonObject& line : readJsonLines(record_)) {
-                if (line.value(QStringLiteral("selector")).toString() == selector) {
-                    ++n;
-                    last = line;
-                }
-            }
-            return n >= count;
-        },
-        timeoutMs);
+    platform::dispatch::runMainLoopUntil([&] { return recordCount(selector, &last) >= count; },
+                                         timeoutMs);
     return last;
 }
 

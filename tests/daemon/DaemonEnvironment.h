@@ -8,8 +8,8 @@
 #include <QStringList>
 #include <memory>
 
-#include "tests/platform/xpc/TestBus.h"
 #include "tests/support/TempDir.h"
+#include "tests/support/TestBus.h"
 
 namespace lumaro::test {
 
@@ -17,16 +17,15 @@ class DaemonEnvironment {
 public:
     // `daemonArguments` null: no daemon on the bus.
     explicit DaemonEnvironment(const QStringList* daemonArguments);
-    static DaemonEnvironment& current();
 
     const QString& recordPath() const { return record_; }
-    PrivateBus& bus() { return *bus_; }
     ChildProcess* daemon() { return daemon_.get(); }
     // Restarts the reference daemon with the same arguments.
     bool startDaemon();
     // Waits until the record holds `count` lines with this selector; answers the last one.
     QJsonObject waitForRecord(const QString& selector, int count, int timeoutMs = 10000);
-    int recordCount(const QString& selector);
+    // How many lines the record holds with this selector; `last` takes the last of them.
+    int recordCount(const QString& selector, QJsonObject* last = nullptr);
 
 private:
     TempDir home_;

@@ -6,7 +6,7 @@
 
 #include "daemon/LMDaemonProtocol.h"
 #include "daemon/LMDaemonRequestCatalogue.h"
-#include "tests/platform/xpc/TestBus.h"
+#include "tests/support/TestBus.h"
 
 namespace {
 

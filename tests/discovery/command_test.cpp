@@ -6,7 +6,7 @@
 #include <QJsonObject>
 #include <QProcess>
 
-#include "tests/discovery/ManifestFixture.h"
+#include "tests/support/Manifests.h"
 
 using namespace lumaro::test;
 

@@ -11,7 +11,7 @@
 
 #include "discovery/LMExtensions.h"
 #include "platform/extension/UTType.h"
-#include "tests/discovery/ManifestFixture.h"
+#include "tests/support/Manifests.h"
 
 using namespace lumaro::test;
 

@@ -15,7 +15,7 @@
 #include "platform/extension/NSExtensionIndex.h"
 #include "platform/extension/NSExtensionRegistry.h"
 #include "platform/log/os_log.h"
-#include "tests/discovery/ManifestFixture.h"
+#include "tests/support/Manifests.h"
 
 using namespace lumaro::test;
 using platform::extension::ExtensionIndex;
@@ -43,13 +43,12 @@ void setTime(const QString& path, int64_t ns) {
 
 class Index : public ::testing::Test {
 protected:
-    void SetUp() override { qputenv("XDG_CACHE_HOME", QFile::encodeName(cache_.path())); }
-    void TearDown() override { qunsetenv("XDG_CACHE_HOME"); }
     NSExtensionRegistry::Scan fresh() const { return NSExtensionRegistry().scan({dir_.path()}); }
     QString indexPath() const { return dir_.file(ExtensionIndex::kFileName); }
 
     TempDir dir_;
     TempDir cache_;
+    ScopedEnv cacheEnv_{"XDG_CACHE_HOME", QFile::encodeName(cache_.path())};
 };
 
 TEST_F(Index, GivesWhatTheManifestsGiveAndSeesEveryChangeAtTheNextQuery) {

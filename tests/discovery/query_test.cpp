@@ -4,7 +4,7 @@
 
 #include "discovery/LMExtensions.h"
 #include "platform/log/os_log.h"
-#include "tests/discovery/ManifestFixture.h"
+#include "tests/support/Manifests.h"
 
 using namespace lumaro::test;
 
@@ -64,25 +64,34 @@ TEST_F(QueryTest, NoConditionsKeepsEveryOfferedExtensionInRegistryOrderWithOneLo
     EXPECT_EQ(nslogLines, expected.size());
 }
 
-TEST_F(QueryTest, BaseIdentifierIsACaseSensitivePrefix) {
-    EXPECT_EQ(query("com.test.alpha", {}, {}).identifiers(), QStringList{"com.test.alpha.sub"});
-    EXPECT_EQ(query("com.test.Alpha", {}, {}).identifiers(), QStringList{"com.test.Alpha"});
-    EXPECT_TRUE(query("COM.", {}, {}).extensions.empty());
-    EXPECT_TRUE(query(QStringLiteral(""), {}, {}).extensions.empty());  // no prefix of anything
-}
-
-TEST_F(QueryTest, ActivationRuleMustBePresentAndTrueInARuleDictionary) {
-    // Alpha X=true, gamma X=true, zeta X="YES"; alpha.sub X=false, beta no X, delta no rule,
-    // eps a predicate string: all dropped.
-    const QStringList expected{"com.test.Alpha", "com.test.gamma", "com.test.zeta"};
-    EXPECT_EQ(query({}, "X", {}).identifiers(), expected);
-}
-
-TEST_F(QueryTest, UnwantedRuleDropsOnlyPresentAndTrueAndPassesExtensionsWithoutRuleDictionary) {
-    // beta Y=true and gamma Y=true are dropped; zeta Y=0, no Y, no rule, predicate all kept.
-    const QStringList expected{"com.test.Alpha", "com.test.alpha.sub", "com.test.delta",
-                               "com.test.eps", "com.test.zeta"};
-    EXPECT_EQ(query({}, {}, "Y").identifiers(), expected);
+TEST_F(QueryTest, BaseIdentifierActivationRuleAndUnwantedRuleMustAllHold) {
+    struct Case {
+        QString base, rule, unwanted;
+        QStringList expected;
+    };
+    for (const Case& c : std::initializer_list<Case>{
+             // The base identifier is a case-sensitive prefix; the empty one no prefix at all.
+             {"com.test.alpha", {}, {}, {"com.test.alpha.sub"}},
+             {"com.test.Alpha", {}, {}, {"com.test.Alpha"}},
+             {"COM.", {}, {}, {}},
+             {QStringLiteral(""), {}, {}, {}},
+             // The rule must be present and true in a rule dictionary: X=true, X=true, X="YES";
+             // X=false, no X, no rule and a predicate string are dropped.
+             {{}, "X", {}, {"com.test.Alpha", "com.test.gamma", "com.test.zeta"}},
+             // The unwanted rule drops only present and true (beta, gamma); Y=0, no Y, no rule
+             // and a predicate string pass.
+             {{},
+              {},
+              "Y",
+              {"com.test.Alpha", "com.test.alpha.sub", "com.test.delta", "com.test.eps",
+               "com.test.zeta"}},
+             {{}, "X", "Y", {"com.test.Alpha", "com.test.zeta"}},
+             {"com.test.z", "X", "Y", {"com.test.zeta"}},
+         }) {
+        EXPECT_EQ(query(c.base, c.rule, c.unwanted).identifiers(), c.expected)
+            << c.base.toStdString() << " " << c.rule.toStdString() << " "
+            << c.unwanted.toStdString();
+    }
 }
 
 TEST_F(QueryTest, ShortFormsPassTheirArgumentsToTheFullForm) {
@@ -106,11 +115,6 @@ TEST_F(QueryTest, ShortFormsPassTheirArgumentsToTheFullForm) {
     for (const auto& [start, expected] : forms) {
         EXPECT_EQ(waitFor(start).identifiers(), expected);
     }
-}
-
-TEST_F(QueryTest, BothRulesMustHold) {
-    EXPECT_EQ(query({}, "X", "Y").identifiers(), (QStringList{"com.test.Alpha", "com.test.zeta"}));
-    EXPECT_EQ(query("com.test.z", "X", "Y").identifiers(), QStringList{"com.test.zeta"});
 }
 
 TEST(QueryErrors, SearchFailureComesWithTheExtensionsFoundElsewhere) {

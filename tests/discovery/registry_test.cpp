@@ -9,7 +9,8 @@
 #include "platform/extension/NSExtensionManifest.h"
 #include "platform/extension/NSExtensionRegistry.h"
 #include "platform/log/os_log.h"
-#include "tests/discovery/ManifestFixture.h"
+#include "tests/support/Manifests.h"
+#include "tests/support/TestMain.h"
 
 using namespace lumaro::test;
 
@@ -51,11 +52,7 @@ TEST(Registry, BadManifestsAreSkippedWithOneErrorLineEachAndTheRestStays) {
     EXPECT_TRUE(all.contains(dir.file("folder.json") + ": cannot read: it is a folder"));
     EXPECT_TRUE(all.contains(dir.file("pipe.json") + ": cannot read: it is a named pipe"));
 
-    size_t errorLines = 0;
-    for (const auto& record : capture.records()) {
-        errorLines += record.type == OS_LOG_TYPE_ERROR ? 1 : 0;
-    }
-    EXPECT_EQ(errorLines, 7u);
+    EXPECT_EQ(errorCount(capture), 7u);
 
     // Unchanged files are not read or reported again; a cold registry reports them again.
     capture.clear();
@@ -86,11 +83,9 @@ TEST(Registry, UserManifestOverridesSystemOneThroughTheXdgSearchPath) {
     writeManifest(system, "lumaro/extensions/s.json",
                   manifest("com.test.shared", {}, kTestPoint, 6, "System"));
     writeManifest(system, "lumaro/extensions/only.json", manifest("com.test.systemonly"));
-    const QByteArray oldHome = qgetenv("XDG_DATA_HOME");
-    const QByteArray oldDirs = qgetenv("XDG_DATA_DIRS");
-    qunsetenv("LUMARO_EXTENSIONS_PATH");
-    qputenv("XDG_DATA_HOME", home.path().toUtf8());
-    qputenv("XDG_DATA_DIRS", ("relative/ignored:" + system.path()).toUtf8());
+    ScopedEnv path("LUMARO_EXTENSIONS_PATH", std::nullopt);
+    ScopedEnv dataHome("XDG_DATA_HOME", home.path().toUtf8());
+    ScopedEnv dataDirs("XDG_DATA_DIRS", ("relative/ignored:" + system.path()).toUtf8());
 
     EXPECT_EQ(NSExtensionRegistry::searchPaths(),
               (QStringList{home.file("lumaro/extensions"), system.file("lumaro/extensions")}));
@@ -100,19 +95,14 @@ TEST(Registry, UserManifestOverridesSystemOneThroughTheXdgSearchPath) {
     EXPECT_EQ(scan.extensions[0]->infoDictionary().value("CFBundleDisplayName"), "User");
     EXPECT_EQ(scan.extensions[0]->_plugIn()->platform(), 1);
     EXPECT_TRUE(scan.problems.isEmpty());
-
-    qputenv("XDG_DATA_HOME", oldHome);
-    qputenv("XDG_DATA_DIRS", oldDirs);
 }
 
 TEST(Registry, FallbackIsUsedOnlyWhenNoSearchFolderExists) {
     TempDir nothing;
-    const QByteArray oldHome = qgetenv("XDG_DATA_HOME");
-    const QByteArray oldDirs = qgetenv("XDG_DATA_DIRS");
     const QStringList oldFallback = NSExtensionRegistry::fallbackSearchPaths();
-    qunsetenv("LUMARO_EXTENSIONS_PATH");
-    qputenv("XDG_DATA_HOME", nothing.file("home").toUtf8());
-    qputenv("XDG_DATA_DIRS", nothing.file("sys").toUtf8());
+    ScopedEnv path("LUMARO_EXTENSIONS_PATH", std::nullopt);
+    ScopedEnv dataHome("XDG_DATA_HOME", nothing.file("home").toUtf8());
+    ScopedEnv dataDirs("XDG_DATA_DIRS", nothing.file("sys").toUtf8());
     NSExtensionRegistry::setFallbackSearchPaths({"/fallback"});
     EXPECT_EQ(NSExtensionRegistry::searchPaths(), QStringList{"/fallback"});
     QDir().mkpath(nothing.file("sys/lumaro/extensions"));
@@ -124,8 +114,6 @@ TEST(Registry, FallbackIsUsedOnlyWhenNoSearchFolderExists) {
         EXPECT_EQ(NSExtensionRegistry::searchPaths(), (QStringList{"/a", "/b"}));
     }
     NSExtensionRegistry::setFallbackSearchPaths(oldFallback);
-    qputenv("XDG_DATA_HOME", oldHome);
-    qputenv("XDG_DATA_DIRS", oldDirs);
 }
 
 TEST(Manifest, RecordCarriesWhatTheManifestDeclares) {

@@ -5,16 +5,18 @@
 
 #include <QBuffer>
 #include <QDir>
-#include <QGuiApplication>
 #include <QJsonDocument>
 
 #include "picker/LMStreamingActivity.h"
 #include "platform/appkit/NSWorkspace.h"
 #include "platform/extension/NSExtensionRegistry.h"
 #include "platform/log/os_log.h"
-#include "tests/discovery/ManifestFixture.h"
+#include "tests/support/Manifests.h"
+#include "tests/support/TestMain.h"
 
 using namespace lumaro::test;
+
+LUMARO_TEST_MAIN(.widgets = true);  // the activity draws icons
 
 namespace {
 
@@ -134,17 +136,8 @@ TEST_F(StreamingActivityTest, MissingOrBrokenIconsGiveThePlaceholderAndOneErrorL
     EXPECT_EQ(named->activityImage()->imageRepresentation().size(), QSize(16, 16));
     EXPECT_EQ(NSWorkspace::sharedWorkspace()->iconForFile(dir_.file("no/such/app")), placeholder);
 
-    size_t errors = 0;
-    for (const auto& record : capture.records()) {
-        errors += record.type == OS_LOG_TYPE_ERROR ? 1 : 0;
-    }
-    EXPECT_EQ(errors, 4u);  // two per broken icon asked twice, one for the missing folder
+    // Two per broken icon asked twice, one for the missing folder.
+    EXPECT_EQ(errorCount(capture), 4u);
 }
 
 }  // namespace
-
-int main(int argc, char** argv) {
-    QGuiApplication app(argc, argv);
-    ::testing::InitGoogleTest(&argc, argv);
-    return RUN_ALL_TESTS();
-}

@@ -8,11 +8,11 @@
 #include <QDir>
 #include <QFile>
 #include <QLocale>
-#include <optional>
 
 #include "filestore/LMFileManagerExtensions.h"
 #include "platform/foundation/NSDate.h"
 #include "platform/log/os_log.h"
+#include "tests/support/ScopedEnv.h"
 #include "tests/support/TempDir.h"
 
 namespace lumaro::test {
@@ -20,14 +20,6 @@ namespace lumaro::test {
 class FileStoreTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        for (const char* name : {"HOME", "XDG_DATA_HOME", "XDG_DATA_DIRS"}) {
-            saved_.emplace_back(name, qEnvironmentVariableIsSet(name)
-                                          ? std::optional<QByteArray>(qgetenv(name))
-                                          : std::nullopt);
-        }
-        qputenv("HOME", QFile::encodeName(home_.path()));
-        qputenv("XDG_DATA_HOME", QFile::encodeName(home_.file(QStringLiteral("data"))));
-        qputenv("XDG_DATA_DIRS", QFile::encodeName(home_.file(QStringLiteral("system-data"))));
         platform::log::setEnabledTypes(platform::log::kDefaultTypeBit |
                                        platform::log::kErrorTypeBit);
         workDir_ = LMExtensions::_srTempPath(*fm_);
@@ -37,13 +29,6 @@ protected:
         NSDate::setClockForTesting({});
         NSFileManager::setDefaultManagerForTesting({});
         QLocale::setDefault(QLocale::system());
-        for (const auto& [name, value] : saved_) {
-            if (value) {
-                qputenv(name, *value);
-            } else {
-                qunsetenv(name);
-            }
-        }
     }
 
     void makeWorkDir() const { ASSERT_TRUE(QDir().mkpath(workDir_)); }
@@ -61,12 +46,12 @@ protected:
     }
 
     TempDir home_;
+    ScopedEnv homeEnv_{"HOME", QFile::encodeName(home_.path())};
+    ScopedEnv dataEnv_{"XDG_DATA_HOME", QFile::encodeName(home_.file(QStringLiteral("data")))};
+    ScopedEnv dirsEnv_{"XDG_DATA_DIRS", QFile::encodeName(home_.file("system-data"))};
     std::shared_ptr<NSFileManager> fm_ = NSFileManager::defaultManager();
     QString workDir_;
     platform::log::LogCapture log_;
-
-private:
-    std::vector<std::pair<const char*, std::optional<QByteArray>>> saved_;
 };
 
 }  // namespace lumaro::test

@@ -5,7 +5,7 @@
 #include <QString>
 
 #include "platform/extension/NSExtension.h"
-#include "tests/support/TempDir.h"
+#include "tests/support/Manifests.h"
 
 namespace lumaro::test {
 
@@ -15,15 +15,12 @@ public:
     explicit InstalledService(const QString& identifier, int platform = 1,
                               const QString& containingClass = "ExampleSetupViewController",
                               const QString& executable = {});
-    ~InstalledService();
-    InstalledService(const InstalledService&) = delete;
-    InstalledService& operator=(const InstalledService&) = delete;
 
     const NSExtensionPtr& extension() const { return extension_; }
 
 private:
     TempDir dir_;
-    QByteArray previousPath_;
+    ScopedSearchPath path_{{dir_.path()}};
     NSExtensionPtr extension_;
 };
 

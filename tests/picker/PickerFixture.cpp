@@ -141,18 +141,4 @@ bool MenuRecorder::waitFor(size_t count) const {
                                                 20000);
 }
 
-void flushMainQueue() {
-    std::atomic<bool> flushed{false};
-    dispatch_async(dispatch_get_main_queue(), [&flushed] { flushed = true; });
-    platform::dispatch::runMainLoopUntil([&flushed] { return flushed.load(); }, 20000);
-}
-
-size_t errorCount(const platform::log::LogCapture& capture) {
-    size_t n = 0;
-    for (const auto& record : capture.records()) {
-        n += record.type == OS_LOG_TYPE_ERROR ? 1 : 0;
-    }
-    return n;
-}
-
 }  // namespace lumaro::test

@@ -14,6 +14,7 @@
 #include "picker/LMBroadcastActivityExtensionNSViewController.h"
 #include "platform/appkit/NSMenuPresenter.h"
 #include "platform/log/os_log.h"
+#include "tests/support/TestMain.h"
 
 namespace lumaro::test {
 
@@ -80,10 +81,5 @@ private:
     };
     std::shared_ptr<State> state_ = std::make_shared<State>();
 };
-
-// Lets everything already queued on the main queue run.
-void flushMainQueue();
-// How many error-type records `capture` holds.
-size_t errorCount(const platform::log::LogCapture& capture);
 
 }  // namespace lumaro::test

@@ -9,8 +9,8 @@
 #include "picker/LMBroadcastActivityKeys.h"
 #include "platform/dispatch/dispatch.h"
 #include "platform/extension/UTType.h"
-#include "tests/discovery/ManifestFixture.h"
 #include "tests/picker/PickerFixture.h"
+#include "tests/support/Manifests.h"
 
 using namespace lumaro::test;
 
@@ -199,25 +199,16 @@ protected:
     ScopedSearchPath path_{{dir_.path()}};
 };
 
-TEST_F(ChoiceTest, PreferredExtensionMenuOrNotInstalled) {
+// The menu and the not-installed menu are the end-to-end road's; here the order of the checks.
+TEST_F(ChoiceTest, APreferredExtensionTakesTheSinglePathEvenWithNothingInstalled) {
     QVariantMap preferring = fullHostInfo();
     preferring.insert(LMBroadcastExtensionKeyExtensionHostInfoPreferredExtension, "com.test.x");
-    auto controller = loaded(preferring);  // nothing installed: still the single path
+    auto controller = loaded(preferring);
     EXPECT_EQ(controller->calls(),
               (std::vector<QStringList>{
                   {"single", "com.test.notes", "com.test.x", "Notes", "0", "icon"}}));
     EXPECT_EQ(controller->hostBundleID(), "com.test.notes");
-
-    controller = loaded(fullHostInfo());
-    EXPECT_EQ(controller->calls(), (std::vector<QStringList>{{"notInstalled", "Notes", "T", "M"}}));
-
-    writeManifest(dir_, "one.json",
-                  manifest("com.test.one", {}, kLMBroadcastSetupUIExtensionPoint, 1));
-    controller = loaded(fullHostInfo());
-    EXPECT_EQ(controller->calls(),
-              (std::vector<QStringList>{{"menu", "Notes", "com.test.notes", "1"}}));
 }
-
 TEST_F(ChoiceTest, NoHostInformationMeansNoChoiceAndNoBundleIdentifier) {
     makeRequest({requestItem({})});
     auto controller = std::make_shared<RecordingController>();

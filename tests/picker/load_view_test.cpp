@@ -16,6 +16,10 @@
 
 using namespace lumaro::test;
 
+// Tests put the storyboard in the main bundle or take it away; the picker's classes are
+// registered as the picker's program registers them.
+LUMARO_TEST_MAIN(.ownMainBundle = true, .prepare = LMBroadcastPickerRegisterClasses);
+
 namespace {
 
 const std::string kMethod = "-[LMBroadcastActivityExtensionNSViewController loadView]";

@@ -6,6 +6,7 @@
 #include <QFileInfo>
 
 #include "platform/foundation/NSFileManager.h"
+#include "tests/support/ScopedEnv.h"
 #include "tests/support/TempDir.h"
 
 using lumaro::test::TempDir;
@@ -78,10 +79,8 @@ TEST(FileManager, MoveRefusesAnOccupiedDestinationAndKeepsNonAsciiNames) {
 }
 
 TEST(FileManager, TildeExpandsFromHomeWithoutTrailingSlash) {
-    const QByteArray saved = qgetenv("HOME");
-    qputenv("HOME", "/home/someone/");
+    lumaro::test::ScopedEnv home("HOME", QByteArray("/home/someone/"));
     EXPECT_EQ(stringByExpandingTildeInPath("~/Library/Application Support/x/"),
               "/home/someone/Library/Application Support/x");
     EXPECT_EQ(stringByExpandingTildeInPath("/abs/~/p"), "/abs/~/p");
-    qputenv("HOME", saved);
 }

@@ -11,6 +11,7 @@
 #include "platform/log/os_log.h"
 #include "service/LMBroadcastActivityViewServiceExtensionContext.h"
 #include "service/LMBroadcastActivityViewServiceProtocols.h"
+#include "tests/support/TestMain.h"
 
 namespace {
 
@@ -73,42 +74,30 @@ TEST(ViewServiceInterfaceTest, EachInterfaceIsBuiltOnceWhateverTheThread) {
     EXPECT_EQ(Context::_extensionAuxiliaryVendorProtocol(), extensions[0]);
 }
 
-TEST(ViewServiceInterfaceTest, HostProtocolHasTwoOptionalOneWayMethodsAndTheExtensionNone) {
+// The methods themselves travel in every end-to-end road; their type encodings are read nowhere
+// else.
+TEST(ViewServiceInterfaceTest, HostMethodsAreOneWayWithTheirTypeEncodings) {
     EXPECT_EQ(kLMBroadcastActivityViewServiceProtocol, "com.vantor.lumaro.broadcast-picker");
     const NSXPCProtocolDescription& host =
         __LMBroadcastActivity_viewServiceHostInterface()->protocol();
-    EXPECT_EQ(host.name, "LMBroadcastActivityViewServiceHostProtocol");
     ASSERT_EQ(host.methods.size(), 2u);
-    EXPECT_EQ(host.methods[0].selector, "presentBroadcastActivitySheet");
-    EXPECT_EQ(host.methods[1].selector,
-              "extensionDidFinishWithLaunchURL:broadcastURL:extensionBundleID:cancelled:");
     for (const auto& method : host.methods) {
         EXPECT_TRUE(method.optional && method.oneway && !method.hasReply);
     }
-    EXPECT_TRUE(host.methods[0].arguments.empty());
-    EXPECT_EQ(host.methods[1].arguments,
-              (std::vector<NSXPCType>{NSXPCType::URL, NSXPCType::URL, NSXPCType::String,
-                                      NSXPCType::SignedChar}));
     EXPECT_STREQ(LMBroadcastActivityViewServiceHostMethodTypeEncoding(host.methods[0].selector),
                  "Vv16@0:8");
     EXPECT_STREQ(LMBroadcastActivityViewServiceHostMethodTypeEncoding(host.methods[1].selector),
                  R"(Vv44@0:8@"NSURL"16@"NSURL"24@"NSString"32c40)");
     EXPECT_EQ(LMBroadcastActivityViewServiceHostMethodTypeEncoding("openURL:"), nullptr);
-    const NSXPCProtocolDescription& extension =
-        __LMBroadcastActivity_viewServiceExtensionInterface()->protocol();
-    EXPECT_EQ(extension.name, "LMBroadcastActivityViewServiceExtensionProtocol");
-    EXPECT_TRUE(extension.methods.empty());
+    EXPECT_TRUE(__LMBroadcastActivity_viewServiceExtensionInterface()->protocol().methods.empty());
 }
-
 TEST(ExtensionContextTest, OpenURLNeverCompletes) {
     auto context = std::make_shared<Context>();
     context->initWithInputItems({}, nullptr, QUuid::createUuid());
     std::atomic<int> completions{0};
     context->openURL(QUrl("https://example.test/"), [&completions](bool) { completions++; });
     context->openURL(QUrl(), {});
-    std::atomic<bool> flushed{false};  // anything queued for the main queue has run after this
-    dispatch_async(dispatch_get_main_queue(), [&flushed] { flushed = true; });
-    platform::dispatch::runMainLoopUntil([&] { return flushed.load(); }, 20000);
+    lumaro::test::flushMainQueue();
     EXPECT_EQ(completions.load(), 0);
 }
 

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/appkit/NSDisplaySession.h"
+#include "tests/support/ScopedEnv.h"
 
 namespace {
 
@@ -18,8 +19,6 @@ TEST(DisplaySessionTest, TheEnvironmentChoosesOneSessionForTheWholeRequest) {
         const char* chosen;
         const char* error;
     };
-    const QByteArray saved[] = {qgetenv("DISPLAY"), qgetenv("WAYLAND_DISPLAY"),
-                                qgetenv("QT_QPA_PLATFORM")};
     for (const Case& c : std::initializer_list<Case>{
              {":5", "", "", DisplaySession::X11, "xcb", ""},
              {":5", "wayland-0", "", DisplaySession::X11, "xcb", ""},
@@ -29,17 +28,14 @@ TEST(DisplaySessionTest, TheEnvironmentChoosesOneSessionForTheWholeRequest) {
              {":5", "", "wayland", DisplaySession::Wayland, "wayland",
               "QT_QPA_PLATFORM=wayland but WAYLAND_DISPLAY is not set"},
          }) {
-        qputenv("DISPLAY", c.display);
-        qputenv("WAYLAND_DISPLAY", c.wayland);
-        qputenv("QT_QPA_PLATFORM", c.platform);
+        const lumaro::test::ScopedEnv display("DISPLAY", QByteArray(c.display)),
+            wayland("WAYLAND_DISPLAY", QByteArray(c.wayland)),
+            qpa("QT_QPA_PLATFORM", QByteArray(c.platform));
         const auto choice = platform::appkit::chooseDisplaySession();
         EXPECT_EQ(choice.session, c.session) << c.display << c.wayland << c.platform;
         EXPECT_EQ(choice.platform, QLatin1String(c.chosen)) << c.display << c.wayland;
         EXPECT_EQ(choice.error, QLatin1String(c.error)) << c.display << c.wayland;
     }
-    qputenv("DISPLAY", saved[0]);
-    qputenv("WAYLAND_DISPLAY", saved[1]);
-    qputenv("QT_QPA_PLATFORM", saved[2]);
 }
 
 }  // namespace

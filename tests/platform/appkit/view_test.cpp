@@ -2,6 +2,9 @@
 
 #include "platform/appkit/NSView.h"
 #include "platform/log/os_log.h"
+#include "tests/support/TestMain.h"
+
+LUMARO_TEST_MAIN(.widgets = true);  // views make widgets, menus need an application
 
 namespace {
 

@@ -5,7 +5,6 @@
 
 #include <QFile>
 #include <QFileDevice>
-#include <QFileInfo>
 #include <QProcess>
 #include <QProcessEnvironment>
 #include <algorithm>
@@ -15,22 +14,21 @@
 #include "platform/dispatch/dispatch.h"
 #include "platform/extension/NSExtension.h"
 #include "platform/extension/NSExtensionContext.h"
-#include "platform/extension/NSExtensionRegistry.h"
 #include "platform/extension/NSExtensionRequest.h"
 #include "platform/extension/UTType.h"
 #include "platform/foundation/NSKeyedArchiver.h"
 #include "platform/xpc/NSInvocation.h"
+#include "tests/support/Manifests.h"
 #include "tests/support/TempDir.h"
+#include "tests/support/TestBus.h"
 
+using lumaro::test::buildPath;
+using lumaro::test::loadItem;
 using platform::dispatch::runMainLoopUntil;
 
 namespace {
 
 constexpr int kWaitMs = 20000;  // a bound for the waits, not a measure
-
-QString buildPath(const QString& relative) {
-    return qEnvironmentVariable("LUMARO_BUILD_DIR") + QLatin1Char('/') + relative;
-}
 
 NSExtensionPtr extensionFor(const QString& identifier, const QString& executable,
                             const QString& principal, const QString& contextClass = {}) {
@@ -105,19 +103,6 @@ bool allRequestsGone() {
         kWaitMs);
 }
 
-QVariant load(const NSItemProviderPtr& provider, NSErrorPtr* error) {
-    std::atomic<bool> done{false};
-    QVariant result;
-    provider->loadItemForTypeIdentifier(kUTTypeData, {},
-                                        [&](const QVariant& v, const NSErrorPtr& e) {
-                                            result = v;
-                                            *error = e;
-                                            done = true;
-                                        });
-    runMainLoopUntil([&] { return done.load(); }, kWaitMs);
-    return result;
-}
-
 class Runtime : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
@@ -156,7 +141,7 @@ TEST(RuntimeItems, TravelWithTitleTypeDataAndUserInfo) {
     EXPECT_EQ((*decoded)[0]->attachments()[0]->typeIdentifier(), kUTTypeData);
     EXPECT_EQ((*decoded)[0]->userInfo().value("url").toUrl(), QUrl("https://example.com/a"));
     NSErrorPtr error;
-    EXPECT_EQ(load((*decoded)[0]->attachments()[0], &error), QByteArray("\x00\x01value", 7));
+    EXPECT_EQ(loadItem((*decoded)[0]->attachments()[0], &error), QByteArray("\x00\x01value", 7));
     EXPECT_TRUE((*decoded)[1]->attributedTitle().isNull());
     EXPECT_EQ((*decoded)[1]->attachments()[0]->toPlainValue().value("item").toUrl(),
               QUrl("https://example.com/b"));
@@ -171,116 +156,16 @@ TEST(RuntimeItems, TravelWithTitleTypeDataAndUserInfo) {
     EXPECT_EQ(mixed->size(), 1u);
 }
 
-TEST_F(Runtime, SetupUIReadsTheHostInfoAndReturnsTheFourItems) {
-    auto extension = setupUI("com.example.lumenstream.setupui");
-    auto outcome = begin(extension);
-    ASSERT_TRUE(runMainLoopUntil([&] { return outcome->begun; }, kWaitMs));
-    ASSERT_EQ(outcome->beginError, nullptr);
-    ASSERT_FALSE(outcome->uuid.isNull());
-    // The host-side context of the running request (until it ends).
-    if (auto context = extension->_extensionContextForUUID(outcome->uuid)) {
-        EXPECT_EQ(context->_UUID(), outcome->uuid);
-        EXPECT_EQ(context->inputItems().size(), 1u);
-    }
-    EXPECT_EQ(extension->_extensionContextForUUID(QUuid::createUuid()), nullptr);
-
-    ASSERT_TRUE(runMainLoopUntil([&] { return outcome->completions == 1; }, kWaitMs));
-    ASSERT_EQ(outcome->items.size(), 4u);
-    const QStringList titles{"LMBroadcastExtensionKeyExtensionBundleIdentifier",
-                             "LMBroadcastExtensionKeyBroadcastConfiguration",
-                             "LMBroadcastExtensionKeyExtensionUserInfo",
-                             "kLMBroadcastExtensionKeyExtensionServiceURL"};
-    std::vector<QVariant> values;
-    for (size_t i = 0; i < 4; ++i) {
-        EXPECT_EQ(outcome->items[i]->attributedTitle(), titles[qsizetype(i)]);
-        ASSERT_EQ(outcome->items[i]->attachments().size(), 1u);
-        NSErrorPtr error;
-        values.push_back(load(outcome->items[i]->attachments()[0], &error));
-        EXPECT_EQ(error, nullptr);
-    }
-    EXPECT_EQ(values[0].toString(), "com.example.lumenstream.broadcast");
-    const QVariantMap configuration =
-        NSKeyedUnarchiver::unarchiveObjectWithData(values[1].toByteArray()).toMap();
-    EXPECT_EQ(configuration.value("hostBundleID").toString(), "com.example.host");
-    EXPECT_EQ(values[2].toMap().value("hostAppName").toString(), "Ödeon");
-    EXPECT_TRUE(values[3].toUrl().isValid());
-    EXPECT_EQ(values[3].toUrl().host(), "live.example.com");
-    EXPECT_EQ(outcome->cancellations + outcome->interruptions, 0);
-    ASSERT_TRUE(allRequestsGone());
-    EXPECT_EQ(extension->_extensionContextForUUID(outcome->uuid), nullptr);
-}
-
-TEST_F(Runtime, CancelGivesAnEmptyListAndAFailedItemStaysUnloadable) {
-    qputenv("LUMARO_EXAMPLE_SETUP_MODE", "cancel");
-    auto cancelled = begin(setupUI());
-    ASSERT_TRUE(runMainLoopUntil([&] { return cancelled->completions == 1; }, kWaitMs));
-    EXPECT_TRUE(cancelled->items.empty());
-
+TEST_F(Runtime, AnItemTheChildFailedToLoadStaysUnloadableAndTheRestLoad) {
     qputenv("LUMARO_EXAMPLE_SETUP_MODE", "fail-item");
     auto failing = begin(setupUI());
     ASSERT_TRUE(runMainLoopUntil([&] { return failing->completions == 1; }, kWaitMs));
     ASSERT_EQ(failing->items.size(), 4u);
     NSErrorPtr error;
-    load(failing->items[1]->attachments()[0], &error);
+    loadItem(failing->items[1]->attachments()[0], &error);
     EXPECT_NE(error, nullptr);
-    load(failing->items[0]->attachments()[0], &error);
+    loadItem(failing->items[0]->attachments()[0], &error);
     EXPECT_EQ(error, nullptr);
-}
-
-TEST_F(Runtime, RemoteViewControllerOfARunningRequest) {
-    qputenv("LUMARO_EXAMPLE_SETUP_ACT", "shown");
-    auto extension = setupUI("com.example.remote.setupui");
-    auto outcome = begin(extension);
-    ASSERT_TRUE(runMainLoopUntil([&] { return outcome->begun; }, kWaitMs));
-    ASSERT_FALSE(outcome->uuid.isNull());
-
-    struct Answer {
-        bool done = false;
-        std::shared_ptr<NSRemoteViewController> controller;
-        NSErrorPtr error;
-    };
-    auto ask = [](std::shared_ptr<NSRemoteViewControllerParameters> parameters) {
-        auto answer = std::make_shared<Answer>();
-        NSRemoteViewController::requestViewController(
-            parameters, [answer](std::shared_ptr<NSRemoteViewController> c, NSErrorPtr e) {
-                answer->done = true;
-                answer->controller = std::move(c);
-                answer->error = std::move(e);
-            });
-        EXPECT_TRUE(runMainLoopUntil([&] { return answer->done; }, kWaitMs));
-        return answer;
-    };
-    // Not a view service, and a service with no running request.
-    auto wrong = std::make_shared<NSRemoteViewControllerParameters>();
-    wrong->setServiceBundleIdentifier("com.example.remote.setupui");
-    EXPECT_NE(ask(wrong)->error, nullptr);
-    wrong->setServiceBundleIdentifier("com.example.nothing.veilnet");
-    EXPECT_EQ(ask(wrong)->error->code(), NSExtensionRequestNotRunningError);
-
-    auto parameters = std::make_shared<NSRemoteViewControllerParameters>();
-    parameters->setServiceBundleIdentifier("com.example.remote.setupui.veilnet");
-    parameters->setServiceViewControllerClassName("ExampleSetupViewController");
-    parameters->setHostAppClientParameters(QVariantMap{{"request-identifier", outcome->uuid},
-                                                       {"isPrismApp", "NO"},
-                                                       {"view-width", 400.0},
-                                                       {"view-height", 300.0}});
-    auto answer = ask(parameters);
-    ASSERT_NE(answer->controller, nullptr);
-    EXPECT_EQ(answer->error, nullptr);
-    EXPECT_EQ(answer->controller->serviceBundleIdentifier(), "com.example.remote.setupui.veilnet");
-    EXPECT_EQ(answer->controller->view()->frame().size.width, 360);  // the service view's size
-    EXPECT_EQ(answer->controller->remoteWindowId(), 0);              // headless: a placeholder
-
-    // The service's controller got the client parameters; shown, it answers the request.
-    ASSERT_TRUE(runMainLoopUntil([&] { return outcome->completions == 1; }, kWaitMs));
-    ASSERT_EQ(outcome->items.size(), 4u);
-    NSErrorPtr error;
-    const QVariantMap userInfo = load(outcome->items[2]->attachments()[0], &error).toMap();
-    const QVariantMap received = userInfo.value("hostAppClientParameters").toMap();
-    EXPECT_EQ(received.value("request-identifier").toString(), outcome->uuid.toString());
-    EXPECT_EQ(received.value("isPrismApp").toString(), "NO");
-    EXPECT_EQ(received.value("view-width").toDouble(), 400.0);
-    EXPECT_EQ(received.value("view-height").toDouble(), 300.0);
 }
 
 TEST_F(Runtime, StartFailuresCompleteWithAnError) {
@@ -367,42 +252,7 @@ TEST_F(Runtime, ChildThatSendsGarbageOrIsCancelledNeverReportsItems) {
     EXPECT_EQ(waiting->interruptions, 0);
 }
 
-TEST_F(Runtime, BuildTreeManifestsStartTheBuiltPrograms) {
-    NSExtensionRegistry registry;
-    const NSExtensionRegistry::Scan scan = registry.scan({buildPath("share/lumaro/extensions")});
-    EXPECT_TRUE(scan.problems.isEmpty()) << scan.problems.join("\n").toStdString();
-    NSExtensionPtr picker, northwind;
-    for (const auto& extension : scan.extensions) {
-        if (extension->identifier() == "com.vantor.lumaro.broadcast-picker") {
-            picker = extension;
-        } else if (extension->identifier() == "com.example.northwind-live.setupui") {
-            northwind = extension;
-        }
-    }
-    ASSERT_NE(picker, nullptr);
-    ASSERT_NE(northwind, nullptr);
-    EXPECT_EQ(picker->extensionPointIdentifier(), "com.vantor.lumaro.view-service");
-    EXPECT_EQ(picker->attributes().value(NSExtensionPrincipalClassKey).toString(),
-              "LMBroadcastActivityExtensionNSViewController");
-    EXPECT_EQ(picker->attributes().value(NSExtensionContextClassKey).toString(),
-              "LMBroadcastActivityViewServiceExtensionContext");
-    EXPECT_TRUE(QFileInfo(picker->_plugIn()->executableUrl().toLocalFile()).isExecutable());
-    EXPECT_TRUE(QFileInfo::exists(picker->_plugIn()->containingUrl().toLocalFile() +
-                                  "/Resources/BroadcastSetup.storyboard.json"));
-
-    // The example service's record starts the built setup UI.
-    auto outcome = begin(northwind);
-    ASSERT_TRUE(runMainLoopUntil([&] { return outcome->completions == 1; }, kWaitMs));
-    EXPECT_EQ(outcome->items.size(), 4u);
-
-    // The picker's process starts, makes its context and connects; the host then ends it.
-    auto started = begin(picker, {});
-    ASSERT_TRUE(runMainLoopUntil([&] { return started->begun; }, kWaitMs));
-    ASSERT_EQ(started->beginError, nullptr);
-    picker->cancelExtensionRequestWithIdentifier(started->uuid);
-}
-
-TEST_F(Runtime, TwoRequestsAtOnceAndAViewThatCannotBeMade) {
+TEST_F(Runtime, TwoRequestsAtOnceAndTheViewsTheirServiceCanOrCannotMake) {
     qputenv("LUMARO_EXAMPLE_SETUP_MODE", "interactive");
     auto extension = setupUI("com.example.twice.setupui");
     auto first = begin(extension);
@@ -414,39 +264,44 @@ TEST_F(Runtime, TwoRequestsAtOnceAndAViewThatCannotBeMade) {
     std::vector<QUuid> expected{first->uuid, second->uuid};
     std::sort(expected.begin(), expected.end());
     EXPECT_EQ(running, expected);
+    EXPECT_NE(extension->_extensionContextForUUID(first->uuid), nullptr);  // the host-side context
+    EXPECT_EQ(extension->_extensionContextForUUID(QUuid::createUuid()), nullptr);
 
-    // The child cannot make a controller of an unknown class: an error, the request runs on.
-    auto parameters = std::make_shared<NSRemoteViewControllerParameters>();
-    parameters->setServiceBundleIdentifier("com.example.twice.setupui.veilnet");
-    parameters->setExtensionIdentifier(second->uuid);
-    parameters->setServiceViewControllerClassName("NoSuchViewController");
-    bool done = false;
-    NSErrorPtr error;
-    std::shared_ptr<NSRemoteViewController> controller;
-    NSRemoteViewController::requestViewController(
-        parameters, [&](std::shared_ptr<NSRemoteViewController> c, NSErrorPtr e) {
-            done = true;
-            controller = std::move(c);
-            error = std::move(e);
-        });
-    ASSERT_TRUE(runMainLoopUntil([&] { return done; }, kWaitMs));
-    EXPECT_EQ(controller, nullptr);
-    ASSERT_NE(error, nullptr);
-    EXPECT_EQ(error->code(), NSExtensionRequestNoViewControllerError);
-
-    // The principal class of the second request answers, as its own class or by default.
-    done = false;
-    parameters->setServiceViewControllerClassName(QString());
-    NSRemoteViewController::requestViewControllerOfClass<NSRemoteViewController>(
-        QString(), "com.example.twice.setupui.veilnet",
-        [&](std::shared_ptr<NSRemoteViewController> c, NSErrorPtr e) {
-            done = true;
-            controller = std::move(c);
-            error = std::move(e);
-        });
-    ASSERT_TRUE(runMainLoopUntil([&] { return done; }, kWaitMs));
-    ASSERT_NE(controller, nullptr);
-    EXPECT_EQ(error, nullptr);
+    // A view service's controller for the second request: an unknown class is an error and the
+    // request runs on; no class means the principal class. A service that is no view service, or
+    // has no running request, gets an error.
+    const QString service = "com.example.twice.setupui.veilnet";
+    struct Ask {
+        QString service;
+        QString className;
+        long long error;  // 0: a controller
+    };
+    for (const Ask& ask : std::initializer_list<Ask>{
+             {service, "NoSuchViewController", NSExtensionRequestNoViewControllerError},
+             {service, QString(), 0},
+             {"com.example.twice.setupui", QString(), -1},  // any error
+             {"com.example.nothing.veilnet", QString(), NSExtensionRequestNotRunningError}}) {
+        SCOPED_TRACE(ask.service.toStdString() + " " + ask.className.toStdString());
+        auto parameters = std::make_shared<NSRemoteViewControllerParameters>();
+        parameters->setServiceBundleIdentifier(ask.service);
+        parameters->setExtensionIdentifier(second->uuid);
+        parameters->setServiceViewControllerClassName(ask.className);
+        bool done = false;
+        NSErrorPtr error;
+        std::shared_ptr<NSRemoteViewController> controller;
+        NSRemoteViewController::requestViewController(
+            parameters, [&](std::shared_ptr<NSRemoteViewController> c, NSErrorPtr e) {
+                done = true;
+                controller = std::move(c);
+                error = std::move(e);
+            });
+        ASSERT_TRUE(runMainLoopUntil([&] { return done; }, kWaitMs));
+        EXPECT_EQ(controller == nullptr, ask.error != 0);
+        EXPECT_EQ(error != nullptr, ask.error != 0);
+        if (error && ask.error > 0) {
+            EXPECT_EQ(error->code(), ask.error);
+        }
+    }
 
     extension->cancelExtensionRequestWithIdentifier(first->uuid);
     extension->cancelExtensionRequestWithIdentifier(second->uuid);

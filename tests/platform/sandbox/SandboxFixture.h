@@ -7,39 +7,16 @@
 #include <QByteArray>
 #include <QDir>
 #include <QFile>
-#include <cstdlib>
 #include <optional>
 #include <string>
 
 #include "platform/foundation/NSDate.h"
 #include "platform/sandbox/entitlements.h"
 #include "platform/sandbox/sandbox.h"
+#include "tests/support/ScopedEnv.h"
 #include "tests/support/TempDir.h"
 
 namespace lumaro::test {
-
-class ScopedEnv {
-public:
-    ScopedEnv(const char* name, const QByteArray& value) : name_(name) {
-        if (const char* old = std::getenv(name)) {
-            old_ = QByteArray(old);
-        }
-        ::setenv(name, value.constData(), 1);
-    }
-    ~ScopedEnv() {
-        if (old_) {
-            ::setenv(name_, old_->constData(), 1);
-        } else {
-            ::unsetenv(name_);
-        }
-    }
-    ScopedEnv(const ScopedEnv&) = delete;
-    ScopedEnv& operator=(const ScopedEnv&) = delete;
-
-private:
-    const char* name_;
-    std::optional<QByteArray> old_;
-};
 
 inline QVariantMap pickerEntitlements() {
     using namespace platform::sandbox;

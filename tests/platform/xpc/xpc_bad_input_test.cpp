@@ -14,7 +14,7 @@
 #include "platform/log/os_log.h"
 #include "platform/xpc/NSXPCInterface.h"
 #include "tests/platform/xpc/EchoScene.h"
-#include "tests/platform/xpc/TestBus.h"
+#include "tests/support/TestBus.h"
 
 using lumaro::test::EchoProtocol;
 using lumaro::test::kMisbehave;
@@ -25,11 +25,6 @@ namespace {
 
 const QString kRawName = QStringLiteral("com.example.xpc.Raw");
 const QString kPath = QStringLiteral("/com/example/xpc/Echo");
-
-lumaro::test::PrivateBus& bus() {
-    static lumaro::test::PrivateBus instance;
-    return instance;
-}
 
 // Answers every call at kPath with `answer` (on the main thread).
 class RawObject final : public QDBusVirtualObject {
@@ -53,10 +48,9 @@ QVariant av(const QVariantList& items) {
 class BadInputTest : public testing::Test {
 protected:
     void SetUp() override {
-        bus().exportToEnvironment();
-        ASSERT_TRUE(bus().isRunning());
-        raw_ = std::make_unique<QDBusConnection>(
-            QDBusConnection::connectToBus(bus().address(), QStringLiteral("raw-peer")));
+        ASSERT_TRUE(lumaro::test::sharedBus().isRunning());
+        raw_ = std::make_unique<QDBusConnection>(QDBusConnection::connectToBus(
+            lumaro::test::sharedBus().address(), QStringLiteral("raw-peer")));
         ASSERT_TRUE(raw_->isConnected());
         ASSERT_TRUE(raw_->registerVirtualObject(kPath, &object_));
         ASSERT_TRUE(raw_->registerService(kRawName));

@@ -8,7 +8,7 @@
 
 #include "platform/dispatch/dispatch.h"
 #include "tests/platform/xpc/EchoScene.h"
-#include "tests/platform/xpc/TestBus.h"
+#include "tests/support/TestBus.h"
 
 using lumaro::test::EchoScene;
 using lumaro::test::kCallMeBack;
@@ -17,11 +17,6 @@ using lumaro::test::Transport;
 using platform::dispatch::runMainLoopUntil;
 
 namespace {
-
-lumaro::test::PrivateBus& bus() {
-    static lumaro::test::PrivateBus instance;
-    return instance;
-}
 
 constexpr int kThreads = 4;
 constexpr int kPerThread = 150;
@@ -71,8 +66,7 @@ void sendFromThreads(const std::shared_ptr<NSXPCConnection>& connection,
 class ConcurrentTest : public testing::TestWithParam<Transport> {
 protected:
     void SetUp() override {
-        bus().exportToEnvironment();
-        ASSERT_TRUE(bus().isRunning());
+        ASSERT_TRUE(lumaro::test::sharedBus().isRunning());
         scene_ = EchoScene::make(GetParam());
         ASSERT_TRUE(scene_);
     }

@@ -6,7 +6,7 @@
 #include "platform/dispatch/dispatch.h"
 #include "platform/log/os_log.h"
 #include "tests/platform/xpc/EchoScene.h"
-#include "tests/platform/xpc/TestBus.h"
+#include "tests/support/TestBus.h"
 
 using lumaro::test::EchoProtocol;
 using lumaro::test::EchoScene;
@@ -19,11 +19,6 @@ using platform::dispatch::runMainLoopUntil;
 using platform::log::LogCapture;
 
 namespace {
-
-lumaro::test::PrivateBus& bus() {
-    static lumaro::test::PrivateBus instance;
-    return instance;
-}
 
 std::shared_ptr<NSXPCConnection> connectTo(const NSXPCListenerEndpoint& endpoint,
                                            std::shared_ptr<lumaro::test::EchoObject> object = {}) {
@@ -43,7 +38,7 @@ int64_t errorCode(const std::shared_ptr<lumaro::test::Outcome>& outcome) {
 }
 
 TEST(PeerTest, AnEndpointSentOverTheBusConnectsToItsListener) {
-    bus().exportToEnvironment();
+    ASSERT_TRUE(lumaro::test::sharedBus().isRunning());
     auto viaBus = EchoScene::make(Transport::Bus, QStringLiteral("com.example.xpc.Peers"));
     auto direct = EchoScene::make(Transport::Peer);
     ASSERT_TRUE(viaBus && direct);

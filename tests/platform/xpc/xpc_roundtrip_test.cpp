@@ -12,7 +12,7 @@
 #include "platform/dispatch/dispatch.h"
 #include "platform/log/os_log.h"
 #include "tests/platform/xpc/EchoScene.h"
-#include "tests/platform/xpc/TestBus.h"
+#include "tests/support/TestBus.h"
 
 using lumaro::test::EchoScene;
 using lumaro::test::kCallMeBack;
@@ -26,16 +26,10 @@ using platform::log::LogCapture;
 
 namespace {
 
-lumaro::test::PrivateBus& bus() {
-    static lumaro::test::PrivateBus instance;
-    return instance;
-}
-
 class RoundTripTest : public testing::TestWithParam<Transport> {
 protected:
     void SetUp() override {
-        bus().exportToEnvironment();
-        ASSERT_TRUE(bus().isRunning());
+        ASSERT_TRUE(lumaro::test::sharedBus().isRunning());
         scene_ = EchoScene::make(GetParam());
         ASSERT_TRUE(scene_);
     }

@@ -1,4 +1,4 @@
-#include "tests/platform/xpc/TestBus.h"
+#include "tests/support/TestBus.h"
 
 #include <signal.h>
 #include <sys/wait.h>
@@ -98,6 +98,13 @@ bool PrivateBus::waitForName(const QString& name, bool owned, int timeoutMs) con
     }
     QDBusConnection::disconnectFromBus(connectionName);
     return result;
+}
+
+PrivateBus& sharedBus() {
+    static PrivateBus bus;  // stopped by its pid at exit
+    static const bool exported = (bus.exportToEnvironment(), true);
+    (void)exported;
+    return bus;
 }
 
 ChildProcess::ChildProcess(QString program, QStringList arguments)

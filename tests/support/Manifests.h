@@ -7,6 +7,9 @@
 #include <vector>
 
 #include "platform/extension/NSExtension.h"
+#include "platform/extension/NSItemProvider.h"
+#include "platform/extension/UTType.h"
+#include "tests/support/ScopedEnv.h"
 #include "tests/support/TempDir.h"
 
 namespace lumaro::test {
@@ -22,15 +25,15 @@ QJsonObject manifest(const QString& identifier, const QJsonValue& rule = QJsonVa
 QString writeManifest(const TempDir& dir, const QString& file, const QJsonObject& object);
 
 // Points LUMARO_EXTENSIONS_PATH at `folders` while alive.
-class ScopedSearchPath {
-public:
-    explicit ScopedSearchPath(const QStringList& folders);
-    ~ScopedSearchPath();
-
-private:
-    QByteArray previous_;
-    bool hadPrevious_;
+struct ScopedSearchPath : ScopedEnv {
+    explicit ScopedSearchPath(const QStringList& folders)
+        : ScopedEnv("LUMARO_EXTENSIONS_PATH", folders.join(QLatin1Char(':')).toUtf8()) {}
 };
+
+// Loads `provider`'s item as `type`, running the main loop until it came (a guard, not a timing
+// check); the error, if any, goes to `error`.
+QVariant loadItem(const NSItemProviderPtr& provider, NSErrorPtr* error = nullptr,
+                  const QString& type = kUTTypeData);
 
 // The identifiers of `extensions`, in order.
 QStringList identifiersOf(const std::vector<NSExtensionPtr>& extensions);

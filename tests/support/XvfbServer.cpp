@@ -1,4 +1,4 @@
-#include "tests/platform/appkit/XvfbServer.h"
+#include "tests/support/XvfbServer.h"
 
 #include <QDir>
 #include <QFileInfo>

@@ -1,10 +1,11 @@
-#include "tests/discovery/ManifestFixture.h"
+#include "tests/support/Manifests.h"
 
 #include <QDir>
 #include <QJsonDocument>
 #include <chrono>
-#include <cstdlib>
 #include <future>
+
+#include "platform/dispatch/dispatch.h"
 
 namespace lumaro::test {
 
@@ -28,18 +29,23 @@ QString writeManifest(const TempDir& dir, const QString& file, const QJsonObject
     return dir.write(file, 0, QJsonDocument(object).toJson());
 }
 
-ScopedSearchPath::ScopedSearchPath(const QStringList& folders)
-    : previous_(qgetenv("LUMARO_EXTENSIONS_PATH")),
-      hadPrevious_(qEnvironmentVariableIsSet("LUMARO_EXTENSIONS_PATH")) {
-    qputenv("LUMARO_EXTENSIONS_PATH", folders.join(QLatin1Char(':')).toUtf8());
-}
-
-ScopedSearchPath::~ScopedSearchPath() {
-    if (hadPrevious_) {
-        qputenv("LUMARO_EXTENSIONS_PATH", previous_);
-    } else {
-        qunsetenv("LUMARO_EXTENSIONS_PATH");
+QVariant loadItem(const NSItemProviderPtr& provider, NSErrorPtr* error, const QString& type) {
+    struct Loaded {
+        std::atomic<bool> done{false};
+        QVariant item;
+        NSErrorPtr error;
+    };
+    auto loaded = std::make_shared<Loaded>();  // outlives a load that never ends
+    provider->loadItemForTypeIdentifier(type, {}, [loaded](const QVariant& v, const NSErrorPtr& e) {
+        loaded->item = v;
+        loaded->error = e;
+        loaded->done = true;
+    });
+    platform::dispatch::runMainLoopUntil([&] { return loaded->done.load(); }, 20000);
+    if (error != nullptr) {
+        *error = loaded->error;
     }
+    return loaded->item;
 }
 
 QStringList identifiersOf(const std::vector<NSExtensionPtr>& extensions) {
