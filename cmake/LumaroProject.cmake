@@ -51,11 +51,12 @@ function(lumaro_program name)
   target_link_libraries(${name} PRIVATE ${ARG_LIBS})
 endfunction()
 
-# lumaro_test(NAME SOURCES ... LIBS ... [CONCURRENT] [DEPENDS targets...] [ENV k=v...])
+# lumaro_test(NAME SOURCES ... LIBS ... [CONCURRENT] [DEPENDS targets...] [ENV k=v...]
+#             [DEFINITIONS NAME=value...])
 # A GoogleTest binary registered with CTest as one test; CONCURRENT adds the label and puts it
 # into the thread-sanitizer build.
 function(lumaro_test name)
-  cmake_parse_arguments(ARG "CONCURRENT" "" "SOURCES;LIBS;DEPENDS;ENV" ${ARGN})
+  cmake_parse_arguments(ARG "CONCURRENT" "" "SOURCES;LIBS;DEPENDS;ENV;DEFINITIONS" ${ARGN})
   if(LUMARO_CONCURRENT_ONLY AND NOT ARG_CONCURRENT)
     return()
   endif()
@@ -63,6 +64,7 @@ function(lumaro_test name)
   lumaro_expose(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests)
   target_compile_options(${name} PRIVATE ${LUMARO_WARNINGS})
   target_link_libraries(${name} PRIVATE ${ARG_LIBS} GTest::gtest GTest::gmock)
+  target_compile_definitions(${name} PRIVATE ${ARG_DEFINITIONS})
   if(ARG_DEPENDS)
     add_dependencies(${name} ${ARG_DEPENDS})
   endif()
