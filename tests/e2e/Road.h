@@ -18,7 +18,7 @@
 #include <memory>
 #include <utility>
 
-#include "tests/platform/xpc/TestBus.h"
+#include "tests/support/TestBus.h"
 #include "tests/support/TempDir.h"
 
 namespace lumaro::test {

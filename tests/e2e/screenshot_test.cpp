@@ -8,7 +8,7 @@
 #include <QJsonObject>
 
 #include "tests/e2e/Road.h"
-#include "tests/platform/appkit/XvfbServer.h"
+#include "tests/support/XvfbServer.h"
 
 using namespace lumaro::test;
 

@@ -16,7 +16,7 @@
 #include <QScreen>
 #include <cstdio>
 
-#include "tests/platform/appkit/XvfbServer.h"
+#include "tests/support/XvfbServer.h"
 
 namespace {
 

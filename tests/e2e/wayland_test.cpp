@@ -11,7 +11,7 @@
 #include <QJsonObject>
 
 #include "tests/e2e/Road.h"
-#include "tests/platform/appkit/XvfbServer.h"
+#include "tests/support/XvfbServer.h"
 #include "tests/support/SwayServer.h"
 #include "tests/support/WestonServer.h"
 

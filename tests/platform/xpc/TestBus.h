@@ -1,3 +1,0 @@
-// Moved to tests/support; kept for the end-to-end suite until it names the new place.
-#pragma once
-#include "tests/support/TestBus.h"
