@@ -12,6 +12,8 @@
 #include <atomic>
 #include <mutex>
 
+#include "platform/dispatch/handover.h"
+
 #ifdef LUMARO_HAVE_JOURNAL
 #include <systemd/sd-journal.h>
 #endif
@@ -203,32 +205,10 @@ struct LogCapture::State {
     std::vector<LogRecord> records;
 };
 
-#if defined(__SANITIZE_THREAD__)
-extern "C" void __tsan_acquire(void* address);
-extern "C" void __tsan_release(void* address);
-#endif
-
-// The capture's lock, with its pairs also marked to the thread sanitizer: its records are written
-// on connection threads that Qt started out of the sanitizer's sight, and read on the main thread,
-// only ever under this lock, yet the sanitizer loses the lock's pairs there.
-class CaptureLock {
-public:
-    explicit CaptureLock(std::mutex& mutex) : lock_(mutex) {
-#if defined(__SANITIZE_THREAD__)
-        __tsan_acquire(&mutex);
-#endif
-    }
-    ~CaptureLock() {
-#if defined(__SANITIZE_THREAD__)
-        __tsan_release(lock_.mutex());
-#endif
-    }
-    CaptureLock(const CaptureLock&) = delete;
-    CaptureLock& operator=(const CaptureLock&) = delete;
-
-private:
-    std::unique_lock<std::mutex> lock_;
-};
+// The capture's lock is a marked one: its records are written on connection threads that Qt
+// started out of the thread sanitizer's sight, and read on the main thread, only ever under this
+// lock, yet the sanitizer loses the lock's pairs there.
+using CaptureLock = platform::dispatch::MarkedLock;
 
 LogCapture::LogCapture() : state_(new State) {
     std::lock_guard lock(gSinkMutex);

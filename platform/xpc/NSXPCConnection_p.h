@@ -21,47 +21,17 @@
 #include <utility>
 #include <vector>
 
+#include "platform/dispatch/handover.h"
 #include "platform/xpc/NSXPCConnection.h"
-
-#if defined(__SANITIZE_THREAD__)
-extern "C" void __tsan_acquire(void* address);
-extern "C" void __tsan_release(void* address);
-#endif
 
 namespace platform::xpc {
 
 // Objects made on one thread and used on a connection's or listener's thread reach it through
-// Qt's event queues, whose locks the thread sanitizer cannot see (Qt is not instrumented). The
-// sender marks the hand-over once everything is written; the receiving object's event() takes it
-// over before reading anything.
-inline void handOver(void* object) {
-#if defined(__SANITIZE_THREAD__)
-    __tsan_release(object);
-#else
-    (void)object;
-#endif
-}
-inline void takeOver(void* object) {
-#if defined(__SANITIZE_THREAD__)
-    __tsan_acquire(object);
-#else
-    (void)object;
-#endif
-}
-
-// A lock on a mutex of ours whose pairs the thread sanitizer keeps even where it has lost
-// track of the mutex itself: memory that Qt freed out of its sight can leave a stale record at
-// the address a new mutex takes, and it then reports both sides of the lock as racing.
-class MarkedLock {
-public:
-    explicit MarkedLock(std::mutex& mutex) : lock_(mutex) { takeOver(&mutex); }
-    ~MarkedLock() { handOver(lock_.mutex()); }
-    MarkedLock(const MarkedLock&) = delete;
-    MarkedLock& operator=(const MarkedLock&) = delete;
-
-private:
-    std::unique_lock<std::mutex> lock_;
-};
+// Qt's event queues: the sender hands each over once written, the receiving object's event()
+// takes it over before reading anything; the connection layer's locks are marked locks.
+using platform::dispatch::handOver;
+using platform::dispatch::MarkedLock;
+using platform::dispatch::takeOver;
 
 // The QObjects below have no signals or slots of their own and so no Q_OBJECT: QtDBus's thread
 // calls metaObject() on registered objects, and Qt's own version of it is not instrumented code
