@@ -6,6 +6,8 @@
 // The pipelined figure is broken down into the time to hand every request to the connection
 // (building the call, marshalling, the receiver of its reply) and the time from there to the last
 // reply (the daemon, unmarshalling and delivering each reply): where the proxy's extra time goes.
+// A second bare client on a connection of its own runs beside them as a control: its ratio to the
+// first is what the machine's scheduling alone makes of two identical clients in that run.
 #include <QCommandLineParser>
 #include <QCoreApplication>
 #include <QDBusConnection>
@@ -172,12 +174,15 @@ int main(int argc, char** argv) {
     const Request request;
     auto proxy = LMDaemonProxy::daemonProxy();
     Bare bare(request);
-    if (!bare.connected()) {
+    Bare control(request);
+    if (!bare.connected() || !control.connected()) {
         std::fprintf(stderr, "daemon_request_bench: no session bus\n");
         return 1;
     }
     bare.onDone(answered);
-    const Side sides[2] = {
+    control.onDone(answered);
+    constexpr int kSides = 3;
+    const Side sides[kSides] = {
         {"LMDaemonProxy",
          [&] {
              proxy->setupBroadcastWithHostBundleID(request.host, request.service,
@@ -187,6 +192,10 @@ int main(int argc, char** argv) {
         {"bare QtDBus",
          [&] {
              bare.send();
+         }},
+        {"bare (control)",
+         [&] {
+             control.send();
          }},
     };
     // Wait until the daemon answers (it may still be starting), for up to ten seconds.
@@ -212,16 +221,17 @@ int main(int argc, char** argv) {
     }
     gFailed = 0;
 
-    std::vector<double> seq[2];
-    std::vector<double> pipe[2];
-    std::vector<double> sending[2];
+    std::vector<double> seq[kSides];
+    std::vector<double> pipe[kSides];
+    std::vector<double> sending[kSides];
     for (int r = 0; r < rounds; ++r) {
-        for (int k = 0; k < 2; ++k) {
-            const int s = (r % 2 == 0) ? k : 1 - k;
+        // Each round turns the order over, so no side always follows the same one.
+        for (int k = 0; k < kSides; ++k) {
+            const int s = (r + k) % kSides;
             seq[s].push_back(sequential(sides[s], sequentialCount));
         }
-        for (int k = 0; k < 2; ++k) {
-            const int s = (r % 2 == 0) ? 1 - k : k;
+        for (int k = 0; k < kSides; ++k) {
+            const int s = (r + kSides - 1 - k) % kSides;
             const Pipelined p = pipelined(sides[s], pipelinedCount);
             pipe[s].push_back(p.total);
             sending[s].push_back(p.sending);
@@ -240,11 +250,15 @@ int main(int argc, char** argv) {
                 rounds);
     std::printf("  %-14s %8.1f\n  %-14s %8.1f\n  ratio          %8.3f\n", sides[0].name, sp,
                 sides[1].name, sb, sp / sb);
+    std::printf("  control ratio  %8.3f  (%s against %s)\n", median(seq[2]) / sb, sides[2].name,
+                sides[1].name);
     std::printf("pipelined, %d requests x %d rounds (median µs per request; total ms):\n",
                 pipelinedCount, rounds);
     std::printf("  %-14s %8.1f  (%.0f ms)\n  %-14s %8.1f  (%.0f ms)\n  ratio          %8.3f\n",
                 sides[0].name, pp, pp * pipelinedCount / 1000.0, sides[1].name, pb,
                 pb * pipelinedCount / 1000.0, pp / pb);
+    std::printf("  control ratio  %8.3f  (%s against %s)\n", median(pipe[2]) / pb, sides[2].name,
+                sides[1].name);
     const double sendP = median(sending[0]);
     const double sendB = median(sending[1]);
     std::printf("pipelined, where the time goes (median µs per request):\n");
