@@ -59,12 +59,6 @@ Road::Road() {
         extensionsFolder(dir_) + QStringLiteral("/com.vantor.lumaro.broadcast-picker.json"));
 }
 
-Road::~Road() {
-    if (daemon_) {
-        daemon_->kill();
-    }
-}
-
 void Road::installService(const Service& service) {
     const QJsonObject manifest{
         {"identifier", service.identifier},
@@ -114,9 +108,7 @@ QProcessEnvironment Road::environment() const {
     env.remove(QStringLiteral("LUMARO_MENU_CHOOSE"));
     if (!session_.isEmpty()) {
         env.remove(QStringLiteral("QT_QPA_PLATFORM"));
-        for (const QString& key : session_.keys()) {
-            env.insert(key, session_.value(key));
-        }
+        env.insert(session_);
     }
     return env;
 }

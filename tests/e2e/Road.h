@@ -3,7 +3,7 @@
 // starts the picker, which starts the chosen service's setup UI.
 //
 //     Road road;                                   // bus and data folder
-//     road.installService("com.test.a.setupui");   // manifests for example-setup-ui
+//     road.installService({"com.test.a.setupui"}); // manifests for example-setup-ui
 //     ASSERT_TRUE(road.startDaemon());
 //     auto host = road.pick({"--choose", "com.test.a.setupui"});
 //     host.outcome()["cancelled"] ...; road.daemonRequests() ...
@@ -16,10 +16,9 @@
 #include <QStringList>
 #include <functional>
 #include <memory>
-#include <utility>
 
-#include "tests/support/TestBus.h"
 #include "tests/support/TempDir.h"
+#include "tests/support/TestBus.h"
 
 namespace lumaro::test {
 
@@ -44,34 +43,19 @@ struct HostRun {
 class Road {
 public:
     Road();
-    ~Road();
-    Road(const Road&) = delete;
-    Road& operator=(const Road&) = delete;
 
     bool busRunning() const { return bus_.isRunning(); }
 
     // A setup-UI service, run by example-setup-ui unless told otherwise.
     struct Service {
-        explicit Service(QString id, QString name = QStringLiteral("Example Live"),
-                         int platformNumber = 1,
-                         QString containing = QStringLiteral("ExampleSetupViewController"),
-                         QString principal = QStringLiteral("ExampleSetupViewController"),
-                         QString program = {})
-            : identifier(std::move(id)),
-              displayName(std::move(name)),
-              platform(platformNumber),
-              containingClass(std::move(containing)),
-              principalClass(std::move(principal)),
-              executable(std::move(program)) {}
         QString identifier;
-        QString displayName;
-        int platform;  // 1 native, 6 built for Prism
-        QString containingClass;
-        QString principalClass;
-        QString executable;  // empty: the built example-setup-ui
+        QString displayName = QStringLiteral("Example Live");
+        int platform = 1;  // 1 native, 6 built for Prism
+        QString containingClass = QStringLiteral("ExampleSetupViewController");
+        QString principalClass = QStringLiteral("ExampleSetupViewController");
+        QString executable = {};  // empty: the built example-setup-ui
     };
     void installService(const Service& service);
-    void installService(const QString& identifier) { installService(Service(identifier)); }
     // The reference daemon, recording to daemonRecordPath(); `arguments` are added (--fail ...).
     bool startDaemon(const QStringList& arguments = {});
     void killDaemon();

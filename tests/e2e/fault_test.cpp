@@ -42,7 +42,7 @@ protected:
     // Runs a host whose setup UI waits for the user; once the picker asked for the sheet and
     // both children have logged, `fault` is done to them, once. The children's ids are kept.
     HostRun pickAndThen(const std::function<void(const HostRun&)>& fault) {
-        road.installService(kNorthwind);
+        road.installService({kNorthwind});
         road.setSetupMode(QStringLiteral("interactive"));
         bool done = false;
         return road.pick({"--choose", kNorthwind}, [&](const HostRun& run) {
@@ -124,10 +124,11 @@ TEST_F(FaultTest, DaemonKilledWithAThousandRequestsInFlight) {
 // daemon or the host, and the picker stays up. After the crash the host is stopped once the picker
 // saw its child end; with the item it gives up after its timeout, without blaming the picker.
 TEST_F(FaultTest, SetupUICrashOrUnreadableItemLeavesThePickerUpAndTheHostWithoutAnOutcome) {
-    road.installService(kNorthwind);
+    road.installService({kNorthwind});
     ASSERT_TRUE(road.startDaemon());
-    const QString childEnded = QStringLiteral("lumaro-broadcast-picker[%1] <Default> extension "
-                                              "runtime: %2 for request ");
+    const QString childEnded = QStringLiteral(
+        "lumaro-broadcast-picker[%1] <Default> extension "
+        "runtime: %2 for request ");
     for (const QString mode : {"crash", "fail-item"}) {
         SCOPED_TRACE(mode.toStdString());
         road.setSetupMode(mode);
@@ -156,7 +157,8 @@ TEST_F(FaultTest, PickerKilledIsReportedByTheHostInOneLine) {
     // Its one line, beside the messages it was asked to show (--verbose).
     EXPECT_EQ(host.countInLog("pick: ") - host.countInLog("pick: arrived "), 1);
     EXPECT_EQ(host.countInLog("pick: no outcome: the picker exited before it reported an outcome"),
-              1) << host.standardError.toStdString();
+              1)
+        << host.standardError.toStdString();
     // The picker's own child goes with its link.
     EXPECT_TRUE(runMainLoopUntil([this] { return ended(setupUI); }, kHungMs));
 }
@@ -164,8 +166,7 @@ TEST_F(FaultTest, PickerKilledIsReportedByTheHostInOneLine) {
 // The host is killed outright: its picker and the setup UI see their links close and end; none
 // lingers.
 TEST_F(FaultTest, HostKilledEndsThePickerAndTheSetupUI) {
-    const HostRun host =
-        pickAndThen([](const HostRun& run) { ::kill(pid_t(run.pid), SIGKILL); });
+    const HostRun host = pickAndThen([](const HostRun& run) { ::kill(pid_t(run.pid), SIGKILL); });
     ASSERT_TRUE(picker != 0 && setupUI != 0) << host.standardError.toStdString();
     EXPECT_TRUE(runMainLoopUntil([this] { return ended(picker) && ended(setupUI); }, kHungMs))
         << host.standardError.toStdString();
@@ -181,16 +182,18 @@ TEST_F(FaultTest, MalformedMessagesToTheDaemonAreRefusedAndTheLinkStaysUsable) {
     ASSERT_TRUE(peer.isConnected());
     const auto call = [&](const QString& member, const QVariantList& arguments,
                           const QString& interface = QStringLiteral("com.vantor.lumarod.Daemon")) {
-        QDBusMessage message = QDBusMessage::createMethodCall(
-            QStringLiteral("com.vantor.lumarod"), QStringLiteral("/com/vantor/lumarod"), interface,
-            member);
+        QDBusMessage message = QDBusMessage::createMethodCall(QStringLiteral("com.vantor.lumarod"),
+                                                              QStringLiteral("/com/vantor/lumarod"),
+                                                              interface, member);
         message.setArguments(arguments);
         return peer.call(message, QDBus::Block, kHungMs);
     };
     const QString setup = QStringLiteral(
         "setupBroadcastWithHostBundleID_broadcastExtensionBundleID_broadcastConfigurationData_"
         "userInfo_handler_");
-    const auto one = [](const QVariant& value) { return QVariant::fromValue(QVariantList{value}); };
+    const auto one = [](const QVariant& value) {
+        return QVariant::fromValue(QVariantList{value});
+    };
     const QVariantList good{one(QStringLiteral("com.example.host")), one(QStringLiteral("b")),
                             one(QByteArray("c")), one(QVariantMap{})};
     QVariantList huge = good;
@@ -210,8 +213,8 @@ TEST_F(FaultTest, MalformedMessagesToTheDaemonAreRefusedAndTheLinkStaysUsable) {
     };
     for (const auto& [member, arguments, error, interface] : cases) {
         SCOPED_TRACE(error.toStdString());
-        const QDBusMessage answer = interface.isEmpty() ? call(member, arguments)
-                                                        : call(member, arguments, interface);
+        const QDBusMessage answer =
+            interface.isEmpty() ? call(member, arguments) : call(member, arguments, interface);
         EXPECT_EQ(answer.errorName(), QStringLiteral("org.freedesktop.DBus.Error.") + error);
         QString log;
         EXPECT_TRUE(runMainLoopUntil(
