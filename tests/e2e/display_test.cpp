@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <QDeadlineTimer>
+#include <QDir>
 #include <QFile>
 #include <QImage>
 #include <QJsonArray>
@@ -20,21 +21,6 @@ using namespace lumaro::test;
 
 namespace {
 
-const QString kService = QStringLiteral("com.test.northwind.setupui");
-const QString kSheetArrival = QStringLiteral("arrived presentBroadcastActivitySheet");
-
-// Pixels of a screenshot that are not the background: what windows cover.
-int coveredPixels(const QImage& shot) {
-    const QRgb background = shot.pixel(shot.width() - 1, shot.height() - 1) & 0xFFFFFF;
-    int covered = 0;
-    for (int y = 0; y < shot.height(); ++y) {
-        for (int x = 0; x < shot.width(); ++x) {
-            covered += (shot.pixel(x, y) & 0xFFFFFF) != background ? 1 : 0;
-        }
-    }
-    return covered;
-}
-
 // The road with the daemon, one service and the hosts on a display server of their own.
 template <class Server>
 class DisplayRoadTest : public ::testing::Test {
@@ -44,14 +30,15 @@ protected:
             GTEST_SKIP() << "its display server is not installed";
         }
         ASSERT_TRUE(road.busRunning());
-        road.installService({kService, QStringLiteral("Northwind Live")});
+        road.installService({kNorthwind, QStringLiteral("Northwind Live")});
         ASSERT_TRUE(road.startDaemon());
         ASSERT_TRUE(server.start()) << server.error().toStdString();
         road.setSession(server.session());
     }
 
-    // Takes screenshots until windows cover at least `pixels` of the screen, saves the last as
-    // screenshots/<name>.png and answers what it covered.
+    // Takes screenshots until windows cover at least `pixels` of the screen (the pixels that are
+    // not the background's), saves the last as screenshots/<name>.png and answers what it
+    // covered.
     int shoot(const QString& name, int pixels) {
         QImage shot;
         int covered = 0;
@@ -64,9 +51,16 @@ protected:
                 ADD_FAILURE() << error.toStdString();
                 return 0;
             }
-            covered = coveredPixels(shot);
+            const QRgb background = shot.pixel(shot.width() - 1, shot.height() - 1) & 0xFFFFFF;
+            covered = 0;
+            for (int y = 0; y < shot.height(); ++y) {
+                for (int x = 0; x < shot.width(); ++x) {
+                    covered += (shot.pixel(x, y) & 0xFFFFFF) != background ? 1 : 0;
+                }
+            }
         }
-        shot.save(screenshotPath(name));
+        QDir().mkpath(buildPath(QStringLiteral("screenshots")));
+        shot.save(buildPath(QStringLiteral("screenshots/%1.png").arg(name)));
         return covered;
     }
 
@@ -80,7 +74,7 @@ using SwayRoadTest = DisplayRoadTest<SwayServer>;
 TEST_F(XvfbRoadTest, ThePickerShowsTheSetupFormInsideItsView) {
     road.setSetupMode(QStringLiteral("interactive"));
     int covered = 0;
-    const HostRun host = road.pick({"--choose", kService}, [&](const HostRun& run) {
+    const HostRun host = road.pick({"--choose", kNorthwind}, [&](const HostRun& run) {
         if (run.countInLog(kSheetArrival) == 0) {
             return false;
         }
@@ -113,7 +107,7 @@ TEST_F(WaylandRoadTest, ThePickerShowsItsRealMenuWithoutAnyChoice) {
     EXPECT_TRUE(menu.value("chosen").isNull());
     const QJsonArray items = menu.value("items").toArray();
     ASSERT_EQ(items.size(), 2);  // the title line and the service, as on X11
-    EXPECT_EQ(items[1].toObject().value("identifier").toString(), kService);
+    EXPECT_EQ(items[1].toObject().value("identifier").toString(), kNorthwind);
     // The anchor is read and recorded as on X11, though the compositor places the menu.
     EXPECT_EQ(menu.value("location").toObject().value("x").toDouble(), 200.0);
     EXPECT_TRUE(road.daemonRequests().isEmpty());
@@ -124,7 +118,7 @@ TEST_F(WaylandRoadTest, AChoiceClicksTheRealMenuAndTheFormShowsUntilItIsStarted)
     const QString go = road.dir().file(QStringLiteral("start-now"));
     qputenv("LUMARO_EXAMPLE_SETUP_START_WHEN", go.toLocal8Bit());  // the host's children inherit
     int covered = 0;
-    const HostRun host = road.pick({"--choose", kService}, [&](const HostRun& run) {
+    const HostRun host = road.pick({"--choose", kNorthwind}, [&](const HostRun& run) {
         if (covered == 0 && run.countInLog(kSheetArrival)) {
             // The picker's window (400 by 300) and the form's (360 by 160) are up.
             covered = shoot(QStringLiteral("wayland-setup-form"), 400 * 300);
@@ -139,7 +133,7 @@ TEST_F(WaylandRoadTest, AChoiceClicksTheRealMenuAndTheFormShowsUntilItIsStarted)
 
     const QJsonObject outcome = host.outcome();
     EXPECT_FALSE(outcome.value("cancelled").toBool(true));
-    EXPECT_EQ(outcome.value("extensionBundleID").toString(), broadcastExtensionOf(kService));
+    EXPECT_EQ(outcome.value("extensionBundleID").toString(), broadcastExtensionOf(kNorthwind));
     EXPECT_TRUE(outcome.value("broadcastURL").toString().startsWith("https://live.example.com/"));
     EXPECT_EQ(road.daemonRequests().size(), 1);
 
@@ -157,7 +151,7 @@ TEST_F(WaylandRoadTest, AChoiceClicksTheRealMenuAndTheFormShowsUntilItIsStarted)
 TEST_F(WaylandRoadTest, TheCompositorGoingAwayEndsTheRequestWithoutAReport) {
     road.setSetupMode(QStringLiteral("interactive"));
     bool stopped = false;
-    const HostRun host = road.pick({"--choose", kService}, [&](const HostRun& run) {
+    const HostRun host = road.pick({"--choose", kNorthwind}, [&](const HostRun& run) {
         if (!stopped && run.countInLog(kSheetArrival)) {
             stopped = true;
             server.stop();  // while the form is up
@@ -192,7 +186,7 @@ TEST_F(WaylandRoadTest, AnExtensionStartedWithoutItsCompositorEndsItsRequest) {
 }
 
 TEST_F(SwayRoadTest, WithXdgForeignTheFormsWindowIsTransientForThePickers) {
-    const HostRun host = road.pick({"--choose", kService});
+    const HostRun host = road.pick({"--choose", kNorthwind});
     EXPECT_EQ(host.countInLog("NSExtensionMain: the window \"Northwind Live\" is transient for "
                               "the host's window"),
               1)

@@ -24,7 +24,6 @@ using platform::log::LogCapture;
 
 namespace {
 
-const QString kNorthwind = QStringLiteral("com.test.northwind.setupui");
 // A generous limit that means "hung", not a measurement.
 constexpr int kHungMs = 20000;
 
@@ -48,7 +47,7 @@ protected:
         return road.pick({"--choose", kNorthwind}, [&](const HostRun& run) {
             picker = run.pidInLog("lumaro-broadcast-picker");
             setupUI = run.pidInLog("example-setup-ui");
-            const bool shown = run.countInLog("arrived presentBroadcastActivitySheet") == 1;
+            const bool shown = run.countInLog(kSheetArrival) == 1;
             if (!done && picker != 0 && setupUI != 0 && shown) {
                 done = true;
                 fault(run);
@@ -126,9 +125,8 @@ TEST_F(FaultTest, DaemonKilledWithAThousandRequestsInFlight) {
 TEST_F(FaultTest, SetupUICrashOrUnreadableItemLeavesThePickerUpAndTheHostWithoutAnOutcome) {
     road.installService({kNorthwind});
     ASSERT_TRUE(road.startDaemon());
-    const QString childEnded = QStringLiteral(
-        "lumaro-broadcast-picker[%1] <Default> extension "
-        "runtime: %2 for request ");
+    const QString childEnded =
+        "lumaro-broadcast-picker[%1] <Default> extension runtime: %2 for request ";
     for (const QString mode : {"crash", "fail-item"}) {
         SCOPED_TRACE(mode.toStdString());
         road.setSetupMode(mode);
@@ -180,8 +178,9 @@ TEST_F(FaultTest, MalformedMessagesToTheDaemonAreRefusedAndTheLinkStaysUsable) {
         road.environment().value(QStringLiteral("DBUS_SESSION_BUS_ADDRESS")),
         QStringLiteral("malformed-peer"));
     ASSERT_TRUE(peer.isConnected());
-    const auto call = [&](const QString& member, const QVariantList& arguments,
-                          const QString& interface = QStringLiteral("com.vantor.lumarod.Daemon")) {
+    const QString daemon = QStringLiteral("com.vantor.lumarod.Daemon");
+    const auto call = [&](const QString& interface, const QString& member,
+                          const QVariantList& arguments) {
         QDBusMessage message = QDBusMessage::createMethodCall(QStringLiteral("com.vantor.lumarod"),
                                                               QStringLiteral("/com/vantor/lumarod"),
                                                               interface, member);
@@ -200,22 +199,20 @@ TEST_F(FaultTest, MalformedMessagesToTheDaemonAreRefusedAndTheLinkStaysUsable) {
     huge[0] = QVariant::fromValue(QVariantList(1000000, QStringLiteral("x")));
     QVariantList twoInOne = good;
     twoInOne[0] = QVariant::fromValue(QVariantList{QStringLiteral("a"), QStringLiteral("b")});
-    const QString other = QStringLiteral("com.example.Other");
-    // Member, arguments, the error's name and, when not the daemon's, the interface.
-    const std::vector<std::tuple<QString, QVariantList, QString, QString>> cases = {
-        {setup, {42, QStringLiteral("b"), QByteArray("c"), 1}, QStringLiteral("InvalidArgs"), {}},
-        {setup, huge, QStringLiteral("InvalidArgs"), {}},
-        {setup, good.mid(1), QStringLiteral("InvalidArgs"), {}},
-        {setup, twoInOne, QStringLiteral("InvalidArgs"), {}},
-        {QStringLiteral("noSuchRequest_"), {}, QStringLiteral("UnknownMethod"), {}},
-        {setup + QStringLiteral("_1"), good, QStringLiteral("UnknownMethod"), {}},
-        {setup, good, QStringLiteral("UnknownInterface"), other},
+    // The interface, member and arguments, and the error's name.
+    const std::vector<std::tuple<QString, QString, QVariantList, QString>> cases = {
+        {daemon, setup, {42, QStringLiteral("b"), QByteArray("c"), 1}, "InvalidArgs"},
+        {daemon, setup, huge, "InvalidArgs"},
+        {daemon, setup, good.mid(1), "InvalidArgs"},
+        {daemon, setup, twoInOne, "InvalidArgs"},
+        {daemon, "noSuchRequest_", {}, "UnknownMethod"},
+        {daemon, setup + "_1", good, "UnknownMethod"},
+        {"com.example.Other", setup, good, "UnknownInterface"},
     };
-    for (const auto& [member, arguments, error, interface] : cases) {
+    for (const auto& [interface, member, arguments, error] : cases) {
         SCOPED_TRACE(error.toStdString());
-        const QDBusMessage answer =
-            interface.isEmpty() ? call(member, arguments) : call(member, arguments, interface);
-        EXPECT_EQ(answer.errorName(), QStringLiteral("org.freedesktop.DBus.Error.") + error);
+        const QDBusMessage answer = call(interface, member, arguments);
+        EXPECT_EQ(answer.errorName(), "org.freedesktop.DBus.Error." + error);
         QString log;
         EXPECT_TRUE(runMainLoopUntil(
             [&] {
@@ -225,7 +222,7 @@ TEST_F(FaultTest, MalformedMessagesToTheDaemonAreRefusedAndTheLinkStaysUsable) {
             kHungMs));
         EXPECT_EQ(log.count(QStringLiteral("<Error> ")), 1) << log.toStdString();
     }
-    EXPECT_EQ(call(setup, good).type(), QDBusMessage::ReplyMessage);
+    EXPECT_EQ(call(daemon, setup, good).type(), QDBusMessage::ReplyMessage);
     EXPECT_EQ(road.daemonRequests().size(), 1);
     QDBusConnection::disconnectFromBus(QStringLiteral("malformed-peer"));
 }

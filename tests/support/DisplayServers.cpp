@@ -15,9 +15,10 @@ namespace lumaro::test {
 namespace {
 
 constexpr int kStartLimitMs = 20000;
+constexpr uid_t kNobody = 65534;
+// Every server's screen.
 constexpr int kWidth = 1024;
 constexpr int kHeight = 768;
-constexpr uid_t kNobody = 65534;
 
 // No animations (a screenshot would catch a window half faded in), no blanking, no panel.
 constexpr const char* kWestonConfig =
@@ -41,10 +42,10 @@ bool writeFile(const QString& path, const QByteArray& text) {
 }  // namespace
 
 QString DisplayServer::makeFolder(const QString& name) {
-    // A short path: a socket's path must fit in 108 bytes.
+    // A short path, for a socket's path must fit in 108 bytes; made with mode 0700.
     QTemporaryDir dir(QStringLiteral("/tmp/lumaro-%1-XXXXXX").arg(name));
-    if (!dir.isValid() || !QFile::setPermissions(
-                              dir.path(), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner)) {
+    if (!dir.isValid()) {
+        error_ = QStringLiteral("no private folder in /tmp");
         return {};
     }
     dir.setAutoRemove(false);
@@ -52,25 +53,23 @@ QString DisplayServer::makeFolder(const QString& name) {
     return dir.path();
 }
 
-QString DisplayServer::launch(const QString& program, const QStringList& arguments,
-                              const QProcessEnvironment& extra, const QString& folder,
-                              const std::function<QString()>& socket) {
+QString DisplayServer::launch(const QString& command, const QProcessEnvironment& extra,
+                              const QString& folder, const std::function<QString()>& socket) {
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.remove(QStringLiteral("DISPLAY"));
     env.remove(QStringLiteral("WAYLAND_DISPLAY"));
-    for (const QString& key : extra.keys()) {
-        env.insert(key, extra.value(key));
-    }
+    env.insert(extra);
+    QStringList arguments = command.split(QLatin1Char(' '));
+    const QString program = arguments.takeFirst();
     process_ = std::make_unique<QProcess>();
     process_->setProcessEnvironment(env);
     process_->setStandardOutputFile(folder + QStringLiteral("/stdout"));
     process_->setStandardErrorFile(folder + QStringLiteral("/stderr"));
     process_->start(program, arguments);
-    QString path;
     if (process_->waitForStarted(kStartLimitMs)) {
         const QDeadlineTimer limit(kStartLimitMs);
-        while (isRunning() && !limit.hasExpired()) {
-            path = socket();
+        while (process_->state() == QProcess::Running && !limit.hasExpired()) {
+            const QString path = socket();
             if (!path.isEmpty() && platform::appkit::unixSocketAnswers(path)) {
                 return path;
             }
@@ -100,10 +99,6 @@ void DisplayServer::stop() {
     session_.clear();
 }
 
-bool DisplayServer::isRunning() const {
-    return process_ && process_->state() == QProcess::Running;
-}
-
 bool XvfbServer::available() {
     return !program("Xvfb").isEmpty();
 }
@@ -112,21 +107,19 @@ bool XvfbServer::start() {
     stop();
     const QString folder = makeFolder(QStringLiteral("xvfb"));
     if (folder.isEmpty()) {
-        error_ = QStringLiteral("no private folder");
         return false;
     }
     // Xvfb takes the first free display number and writes it to its standard output.
-    const QString out = folder + QStringLiteral("/stdout");
-    const QString socket = launch(
-        program("Xvfb"),
-        {QStringLiteral("-displayfd"), QStringLiteral("1"), QStringLiteral("-screen"),
-         QStringLiteral("0"), QStringLiteral("%1x%2x24").arg(kWidth).arg(kHeight),
-         QStringLiteral("-nolisten"), QStringLiteral("tcp"), QStringLiteral("-fbdir"), folder},
-        {}, folder, [out] {
-            const QByteArray display = contents(out).trimmed();
-            return display.isEmpty() ? QString()
-                                     : "/tmp/.X11-unix/X" + QString::fromLatin1(display);
-        });
+    const QString command =
+        QStringLiteral("%1 -displayfd 1 -screen 0 %2x%3x24 -nolisten tcp -fbdir %4")
+            .arg(program("Xvfb"))
+            .arg(kWidth)
+            .arg(kHeight)
+            .arg(folder);
+    const QString socket = launch(command, {}, folder, [folder] {
+        const QByteArray display = contents(folder + QStringLiteral("/stdout")).trimmed();
+        return display.isEmpty() ? QString() : "/tmp/.X11-unix/X" + QString::fromLatin1(display);
+    });
     if (socket.isEmpty()) {
         return false;
     }
@@ -141,7 +134,7 @@ QImage XvfbServer::screenshot(QString* error) const {
     // The frame buffer's file is an X window dump: a header, a colour map, then the screen's rows
     // of 32-bit pixels in the machine's byte order. The rows are its tail.
     constexpr qint64 kBytes = qint64(kWidth) * kHeight * 4;
-    const QByteArray dump = isRunning() ? contents(frameBuffer_) : QByteArray();
+    const QByteArray dump = contents(frameBuffer_);  // gone with its folder once stopped
     if (dump.size() < kBytes) {
         *error = QStringLiteral("no frame buffer in %1").arg(frameBuffer_);
         return {};
@@ -163,18 +156,17 @@ bool WestonServer::start() {
         return false;
     }
     const QString socket = QStringLiteral("wayland-test");
-    QProcessEnvironment env;
-    env.insert(QStringLiteral("XDG_RUNTIME_DIR"), folder);
-    if (launch(program("weston"),
-               {QStringLiteral("--backend=headless-backend.so"), QStringLiteral("--use-pixman"),
-                QStringLiteral("--socket=") + socket, QStringLiteral("--config=") + config,
-                QStringLiteral("--width=%1").arg(kWidth),
-                QStringLiteral("--height=%1").arg(kHeight), QStringLiteral("--debug")},
-               env, folder, [folder, socket] { return folder + QLatin1Char('/') + socket; })
-            .isEmpty()) {
+    const QString command = QStringLiteral(
+                                "%1 --backend=headless-backend.so --use-pixman --debug "
+                                "--socket=%2 --config=%3 --width=%4 --height=%5")
+                                .arg(program("weston"), socket, config)
+                                .arg(kWidth)
+                                .arg(kHeight);
+    const QString path = folder + QLatin1Char('/') + socket;
+    session_.insert(QStringLiteral("XDG_RUNTIME_DIR"), folder);
+    if (launch(command, session_, folder, [path] { return path; }).isEmpty()) {
         return false;
     }
-    session_ = env;
     session_.insert(QStringLiteral("WAYLAND_DISPLAY"), socket);
     return true;
 }
@@ -222,15 +214,14 @@ bool SwayServer::start() {
     env.insert(QStringLiteral("WLR_BACKENDS"), QStringLiteral("headless"));
     env.insert(QStringLiteral("WLR_LIBINPUT_NO_DEVICES"), QStringLiteral("1"));
     env.insert(QStringLiteral("WLR_RENDERER"), QStringLiteral("pixman"));
-    QStringList arguments{program("sway"), QStringLiteral("-c"), config};
+    QString command = QStringLiteral("%1 -c %2").arg(program("sway"), config);
     if (root) {
-        arguments = QStringList{program("setpriv"), QStringLiteral("--reuid=%1").arg(kNobody),
-                                QStringLiteral("--regid=%1").arg(kNobody),
-                                QStringLiteral("--clear-groups")} +
-                    arguments;
+        command.prepend(QStringLiteral("%1 --reuid=%2 --regid=%2 --clear-groups ")
+                            .arg(program("setpriv"))
+                            .arg(kNobody));
     }
     // sway names its socket itself: the first wayland-N in its folder.
-    const QString socket = launch(arguments.takeFirst(), arguments, env, clients, [own] {
+    const QString socket = launch(command, env, clients, [own] {
         const QStringList sockets =
             QDir(own).entryList({QStringLiteral("wayland-*")}, QDir::System);
         return sockets.isEmpty() ? QString() : own + QLatin1Char('/') + sockets.first();
@@ -241,14 +232,6 @@ bool SwayServer::start() {
     session_.insert(QStringLiteral("XDG_RUNTIME_DIR"), clients);
     session_.insert(QStringLiteral("WAYLAND_DISPLAY"), socket);
     return true;
-}
-
-QString screenshotPath(const QString& name) {
-    const QByteArray build = qgetenv("LUMARO_BUILD_DIR");
-    const QString root = build.isEmpty() ? QDir::currentPath() : QString::fromLocal8Bit(build);
-    const QString folder = QDir(root).filePath(QStringLiteral("screenshots"));
-    QDir().mkpath(folder);
-    return QDir(folder).filePath(name + QStringLiteral(".png"));
 }
 
 }  // namespace lumaro::test

@@ -2,11 +2,6 @@
 // headless weston and a headless sway. Each runs with private folders (0700, removed when it
 // stops), is stopped by its process id when the object goes, and answers the variables that put a
 // client on it (session()).
-//
-//     lumaro::test::WestonServer weston;
-//     if (!lumaro::test::WestonServer::available()) GTEST_SKIP() << "weston is not installed";
-//     ASSERT_TRUE(weston.start()) << weston.error().toStdString();
-//     QImage shot = weston.screenshot(&error);
 #pragma once
 
 #include <QImage>
@@ -21,28 +16,23 @@ namespace lumaro::test {
 
 class DisplayServer {
 public:
-    DisplayServer() = default;
     ~DisplayServer() { stop(); }
-    DisplayServer(const DisplayServer&) = delete;
-    DisplayServer& operator=(const DisplayServer&) = delete;
 
     // Terminates the server by its process id (SIGTERM, then SIGKILL), waits for it and removes
     // its folders; harmless when not running.
     void stop();
-    bool isRunning() const;
     const QString& error() const { return error_; }
     // DISPLAY and QT_QPA_PLATFORM=xcb, or XDG_RUNTIME_DIR and WAYLAND_DISPLAY.
     const QProcessEnvironment& session() const { return session_; }
 
 protected:
-    // A fresh private folder, removed by stop(); empty when none can be made.
+    // A fresh private folder, removed by stop(); empty (and error()) when none can be made.
     QString makeFolder(const QString& name);
-    // Starts `program` with the caller's environment, less its displays, plus `extra`, its output
-    // going to <folder>/stdout and <folder>/stderr, and waits until the socket path that
-    // `socket()` answers accepts connections. Answers that path; empty (and error()) when the
-    // server does not come up.
-    QString launch(const QString& program, const QStringList& arguments,
-                   const QProcessEnvironment& extra, const QString& folder,
+    // Starts `command` (a program and its arguments, split at spaces) with the caller's
+    // environment, less its displays, plus `extra`, its output going to <folder>/stdout and
+    // <folder>/stderr, and waits until the socket path that `socket()` answers accepts
+    // connections. Answers that path; empty (and error()) when the server does not come up.
+    QString launch(const QString& command, const QProcessEnvironment& extra, const QString& folder,
                    const std::function<QString()>& socket);
 
     QProcessEnvironment session_;
@@ -86,9 +76,5 @@ public:
     // Starts sway with one headless output and no Xwayland.
     bool start();
 };
-
-// Where a test's screenshot goes: <build dir>/screenshots/<name>.png, the build dir taken from
-// LUMARO_BUILD_DIR (set by CTest), else the current folder. Creates the folder.
-QString screenshotPath(const QString& name);
 
 }  // namespace lumaro::test
