@@ -1,7 +1,7 @@
 #include "tests/e2e/Road.h"
 
+#include <QDeadlineTimer>
 #include <QDir>
-#include <QElapsedTimer>
 #include <QFile>
 #include <QJsonDocument>
 #include <QProcess>
@@ -11,9 +11,8 @@ namespace lumaro::test {
 
 namespace {
 
-QString extensionsFolder(const TempDir& dir) {
-    return dir.file(QStringLiteral("data/lumaro/extensions"));
-}
+const QString kExtensions = QStringLiteral("data/lumaro/extensions/");
+constexpr int kLimitMs = 90000;
 
 }  // namespace
 
@@ -28,11 +27,7 @@ QJsonObject HostRun::outcome() const {
 }
 
 int HostRun::countInLog(const QString& text) const {
-    int n = 0;
-    for (const QString& line : standardError.split(QLatin1Char('\n'))) {
-        n += line.contains(text) ? 1 : 0;
-    }
-    return n;
+    return int(standardError.split(QLatin1Char('\n')).filter(text).size());
 }
 
 qint64 HostRun::pidInLog(const QString& program) const {
@@ -40,29 +35,18 @@ qint64 HostRun::pidInLog(const QString& program) const {
     return tag.match(standardError).captured(1).toLongLong();
 }
 
-QString broadcastExtensionOf(const QString& serviceIdentifier) {
-    QString base = serviceIdentifier;
-    if (base.endsWith(QLatin1String(".setupui"))) {
-        base.chop(8);
-    }
-    return base + QStringLiteral(".broadcast");
+QString broadcastExtensionOf(const QString& service) {
+    return service.chopped(service.endsWith(QLatin1String(".setupui")) ? 8 : 0) + ".broadcast";
 }
 
 Road::Road() {
     bus_.exportToEnvironment();
-    QDir().mkpath(extensionsFolder(dir_));
+    QDir().mkpath(dir_.file(kExtensions));
     QDir().mkpath(dir_.file(QStringLiteral("empty")));
     // The picker as the build tree lays it out.
-    QFile::copy(
-        buildPath(QStringLiteral("share/lumaro/extensions/"
-                                 "com.vantor.lumaro.broadcast-picker.json")),
-        extensionsFolder(dir_) + QStringLiteral("/com.vantor.lumaro.broadcast-picker.json"));
-}
-
-Road::~Road() {
-    if (daemon_) {
-        daemon_->kill();
-    }
+    const QString picker = QStringLiteral("com.vantor.lumaro.broadcast-picker.json");
+    QFile::copy(buildPath(QStringLiteral("share/lumaro/extensions/") + picker),
+                dir_.file(kExtensions + picker));
 }
 
 void Road::installService(const Service& service) {
@@ -72,7 +56,7 @@ void Road::installService(const Service& service) {
          QJsonObject{{"NSExtensionPointIdentifier", "com.vantor.broadcast-services-setupui"},
                      {"NSExtensionActivationRule", "TRUEPREDICATE"},
                      {"NSExtensionContainingViewControllerClass", service.containingClass},
-                     {"NSExtensionPrincipalClass", service.principalClass}}},
+                     {"NSExtensionPrincipalClass", "ExampleSetupViewController"}}},
         {"infoDictionary", QJsonObject{{"CFBundleDisplayName", service.displayName},
                                        {"CFBundleName", service.displayName},
                                        {"CFBundleVersion", "1.0"}}},
@@ -82,22 +66,16 @@ void Road::installService(const Service& service) {
                            ? buildPath(QStringLiteral("programs/example-setup-ui/example-setup-ui"))
                            : service.executable},
     };
-    QFile file(extensionsFolder(dir_) + QLatin1Char('/') + service.identifier +
-               QStringLiteral(".json"));
-    if (file.open(QIODevice::WriteOnly)) {
-        file.write(QJsonDocument(manifest).toJson());
-    }
+    dir_.write(kExtensions + service.identifier + QStringLiteral(".json"), 0,
+               QJsonDocument(manifest).toJson());
 }
 
 bool Road::startDaemon(const QStringList& arguments) {
     daemon_ = std::make_unique<ChildProcess>(
         buildPath(QStringLiteral("programs/lumarod-reference/lumarod-reference")),
-        QStringList{QStringLiteral("--record"), daemonRecordPath()} + arguments);
+        QStringList{QStringLiteral("--record"), dir_.file(QStringLiteral("daemon.jsonl"))} +
+            arguments);
     return daemon_->start() && bus_.waitForName(QStringLiteral("com.vantor.lumarod"), true, 20000);
-}
-
-void Road::killDaemon() {
-    daemon_->kill();
 }
 
 QProcessEnvironment Road::environment() const {
@@ -105,72 +83,60 @@ QProcessEnvironment Road::environment() const {
     env.insert(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"), bus_.address());
     env.insert(QStringLiteral("XDG_DATA_HOME"), dir_.file(QStringLiteral("data")));
     env.insert(QStringLiteral("XDG_DATA_DIRS"), dir_.file(QStringLiteral("empty")));
-    env.insert(QStringLiteral("LUMARO_EXTENSIONS_PATH"), extensionsFolder(dir_));
+    env.insert(QStringLiteral("LUMARO_EXTENSIONS_PATH"), dir_.file(kExtensions));
     env.insert(QStringLiteral("LUMARO_EXAMPLE_SETUP_MODE"), setupMode_);
     env.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
-    env.remove(QStringLiteral("DISPLAY"));
-    env.remove(QStringLiteral("WAYLAND_DISPLAY"));
-    env.remove(QStringLiteral("LUMARO_MENU_BACKEND"));
-    env.remove(QStringLiteral("LUMARO_MENU_CHOOSE"));
+    for (const char* key :
+         {"DISPLAY", "WAYLAND_DISPLAY", "LUMARO_MENU_BACKEND", "LUMARO_MENU_CHOOSE"}) {
+        env.remove(QString::fromLatin1(key));
+    }
     if (!session_.isEmpty()) {
         env.remove(QStringLiteral("QT_QPA_PLATFORM"));
-        for (const QString& key : session_.keys()) {
-            env.insert(key, session_.value(key));
-        }
+        env.insert(session_);
     }
     return env;
 }
 
 HostRun Road::pick(const QStringList& arguments,
-                   const std::function<bool(const HostRun&)>& stopWhen, int limitMs) const {
+                   const std::function<bool(const HostRun&)>& stopWhen) const {
     QProcess host;
     host.setProcessEnvironment(environment());
     host.start(buildPath(QStringLiteral("programs/lumaro-broadcast/lumaro-broadcast")),
                QStringList{QStringLiteral("pick"), QStringLiteral("--verbose"),
-                           QStringLiteral("--record"), menuRecordPath()} +
+                           QStringLiteral("--record"), dir_.file(QStringLiteral("menu.jsonl"))} +
                    arguments);
     HostRun run;
-    if (!host.waitForStarted(limitMs)) {
+    if (!host.waitForStarted(kLimitMs)) {
         run.standardError = host.errorString();
         return run;
     }
     run.pid = host.processId();
-    QElapsedTimer guard;
-    guard.start();
+    const QDeadlineTimer guard(kLimitMs);
     bool stopped = false;
-    while (!(run.finished = host.waitForFinished(100))) {
+    while (!run.finished && !guard.hasExpired()) {
+        run.finished = host.waitForFinished(100);
         run.standardOutput += QString::fromUtf8(host.readAllStandardOutput());
         run.standardError += QString::fromUtf8(host.readAllStandardError());
-        if (!stopped && stopWhen && stopWhen(run)) {
+        if (!run.finished && !stopped && stopWhen && stopWhen(run)) {
             stopped = true;
             host.terminate();  // its picker and setup UI go with it
         }
-        if (guard.hasExpired(limitMs)) {
-            host.kill();
-            host.waitForFinished(5000);
-            break;
-        }
     }
-    if (run.finished) {
-        run.exitCode = host.exitStatus() == QProcess::NormalExit ? host.exitCode() : -1;
+    if (!run.finished) {
+        host.kill();
+        host.waitForFinished(5000);
+    } else if (host.exitStatus() == QProcess::NormalExit) {
+        run.exitCode = host.exitCode();
     }
-    run.standardOutput += QString::fromUtf8(host.readAllStandardOutput());
-    run.standardError += QString::fromUtf8(host.readAllStandardError());
     return run;
 }
 
-QList<QJsonObject> Road::menuRecords() const {
-    return readJsonLines(menuRecordPath());
-}
-
-QList<QJsonObject> Road::daemonRequests(const QString& selector) const {
-    QList<QJsonObject> found;
-    for (const QJsonObject& line : readJsonLines(daemonRecordPath())) {
-        if (line.value(QStringLiteral("selector")).toString() == selector) {
-            found.append(line);
-        }
-    }
-    return found;
+QList<QJsonObject> Road::daemonRequests() const {
+    QList<QJsonObject> requests = readJsonLines(dir_.file(QStringLiteral("daemon.jsonl")));
+    requests.removeIf([](const QJsonObject& line) {
+        return line.value(QStringLiteral("selector")).toString() != kSetupSelector;
+    });
+    return requests;
 }
 
 }  // namespace lumaro::test

@@ -1,12 +1,6 @@
 // The whole road across real processes: a private bus, the reference daemon, extensions
 // installed into a temporary data folder, and the host command `lumaro-broadcast pick`, which
 // starts the picker, which starts the chosen service's setup UI.
-//
-//     Road road;                                   // bus and data folder
-//     road.installService("com.test.a.setupui");   // manifests for example-setup-ui
-//     ASSERT_TRUE(road.startDaemon());
-//     auto host = road.pick({"--choose", "com.test.a.setupui"});
-//     host.outcome()["cancelled"] ...; road.daemonRequests() ...
 #pragma once
 
 #include <QJsonObject>
@@ -16,13 +10,15 @@
 #include <QStringList>
 #include <functional>
 #include <memory>
-#include <utility>
 
-#include "tests/support/TestBus.h"
 #include "tests/support/TempDir.h"
+#include "tests/support/TestBus.h"
 
 namespace lumaro::test {
 
+// The service most roads install, and the host's line that says the picker asked for its sheet.
+inline const QString kNorthwind = QStringLiteral("com.test.northwind.setupui");
+inline const QString kSheetArrival = QStringLiteral("arrived presentBroadcastActivitySheet");
 inline const QString kSetupSelector = QStringLiteral(
     "setupBroadcastWithHostBundleID:broadcastExtensionBundleID:broadcastConfigurationData:"
     "userInfo:handler:");
@@ -44,54 +40,37 @@ struct HostRun {
 class Road {
 public:
     Road();
-    ~Road();
-    Road(const Road&) = delete;
-    Road& operator=(const Road&) = delete;
 
     bool busRunning() const { return bus_.isRunning(); }
 
     // A setup-UI service, run by example-setup-ui unless told otherwise.
     struct Service {
-        explicit Service(QString id, QString name = QStringLiteral("Example Live"),
-                         int platformNumber = 1,
-                         QString containing = QStringLiteral("ExampleSetupViewController"),
-                         QString principal = QStringLiteral("ExampleSetupViewController"),
-                         QString program = {})
-            : identifier(std::move(id)),
-              displayName(std::move(name)),
-              platform(platformNumber),
-              containingClass(std::move(containing)),
-              principalClass(std::move(principal)),
-              executable(std::move(program)) {}
         QString identifier;
-        QString displayName;
-        int platform;  // 1 native, 6 built for Prism
-        QString containingClass;
-        QString principalClass;
-        QString executable;  // empty: the built example-setup-ui
+        QString displayName = QStringLiteral("Example Live");
+        int platform = 1;  // 1 native, 6 built for Prism
+        QString containingClass = QStringLiteral("ExampleSetupViewController");
+        QString executable = {};  // empty: the built example-setup-ui
     };
     void installService(const Service& service);
-    void installService(const QString& identifier) { installService(Service(identifier)); }
-    // The reference daemon, recording to daemonRecordPath(); `arguments` are added (--fail ...).
+    // The reference daemon, recording its requests; `arguments` are added (--fail ...).
     bool startDaemon(const QStringList& arguments = {});
-    void killDaemon();
+    void killDaemon() { daemon_->kill(); }
     // What the daemon wrote to standard error since the last call.
     QByteArray readDaemonLog() { return daemon_->readStandardError(); }
     // How example-setup-ui answers (its --mode), for every setup UI of the next runs.
     void setSetupMode(const QString& mode) { setupMode_ = mode; }
 
-    // Runs `lumaro-broadcast pick --verbose --record menuRecordPath()` with `arguments` until it
-    // ends, or until `stopWhen` holds for what it printed so far (then it is terminated), or
-    // until `limitMs` passed (then it is killed; a guard, not a measurement).
+    // Runs `lumaro-broadcast pick --verbose` with `arguments` until it ends, or until `stopWhen`
+    // holds for what it printed so far (then it is terminated), or for 90 s at most (then it is
+    // killed; a guard, not a measurement).
     HostRun pick(const QStringList& arguments,
-                 const std::function<bool(const HostRun&)>& stopWhen = {},
-                 int limitMs = 90000) const;
+                 const std::function<bool(const HostRun&)>& stopWhen = {}) const;
 
-    QString menuRecordPath() const { return dir_.file(QStringLiteral("menu.jsonl")); }
-    QList<QJsonObject> menuRecords() const;
-    QString daemonRecordPath() const { return dir_.file(QStringLiteral("daemon.jsonl")); }
-    // The requests of one selector that the daemon recorded.
-    QList<QJsonObject> daemonRequests(const QString& selector = kSetupSelector) const;
+    // The menus the picker recorded, and the set-up requests the daemon recorded.
+    QList<QJsonObject> menuRecords() const {
+        return readJsonLines(dir_.file(QStringLiteral("menu.jsonl")));
+    }
+    QList<QJsonObject> daemonRequests() const;
     // The environment the host runs in (bus, data folder, no display unless a session is set).
     QProcessEnvironment environment() const;
     // Runs the next hosts in a display session: `session`'s variables (a compositor's

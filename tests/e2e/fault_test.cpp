@@ -24,7 +24,6 @@ using platform::log::LogCapture;
 
 namespace {
 
-const QString kNorthwind = QStringLiteral("com.test.northwind.setupui");
 // A generous limit that means "hung", not a measurement.
 constexpr int kHungMs = 20000;
 
@@ -42,13 +41,13 @@ protected:
     // Runs a host whose setup UI waits for the user; once the picker asked for the sheet and
     // both children have logged, `fault` is done to them, once. The children's ids are kept.
     HostRun pickAndThen(const std::function<void(const HostRun&)>& fault) {
-        road.installService(kNorthwind);
+        road.installService({kNorthwind});
         road.setSetupMode(QStringLiteral("interactive"));
         bool done = false;
         return road.pick({"--choose", kNorthwind}, [&](const HostRun& run) {
             picker = run.pidInLog("lumaro-broadcast-picker");
             setupUI = run.pidInLog("example-setup-ui");
-            const bool shown = run.countInLog("arrived presentBroadcastActivitySheet") == 1;
+            const bool shown = run.countInLog(kSheetArrival) == 1;
             if (!done && picker != 0 && setupUI != 0 && shown) {
                 done = true;
                 fault(run);
@@ -124,10 +123,10 @@ TEST_F(FaultTest, DaemonKilledWithAThousandRequestsInFlight) {
 // daemon or the host, and the picker stays up. After the crash the host is stopped once the picker
 // saw its child end; with the item it gives up after its timeout, without blaming the picker.
 TEST_F(FaultTest, SetupUICrashOrUnreadableItemLeavesThePickerUpAndTheHostWithoutAnOutcome) {
-    road.installService(kNorthwind);
+    road.installService({kNorthwind});
     ASSERT_TRUE(road.startDaemon());
-    const QString childEnded = QStringLiteral("lumaro-broadcast-picker[%1] <Default> extension "
-                                              "runtime: %2 for request ");
+    const QString childEnded =
+        "lumaro-broadcast-picker[%1] <Default> extension runtime: %2 for request ";
     for (const QString mode : {"crash", "fail-item"}) {
         SCOPED_TRACE(mode.toStdString());
         road.setSetupMode(mode);
@@ -156,7 +155,8 @@ TEST_F(FaultTest, PickerKilledIsReportedByTheHostInOneLine) {
     // Its one line, beside the messages it was asked to show (--verbose).
     EXPECT_EQ(host.countInLog("pick: ") - host.countInLog("pick: arrived "), 1);
     EXPECT_EQ(host.countInLog("pick: no outcome: the picker exited before it reported an outcome"),
-              1) << host.standardError.toStdString();
+              1)
+        << host.standardError.toStdString();
     // The picker's own child goes with its link.
     EXPECT_TRUE(runMainLoopUntil([this] { return ended(setupUI); }, kHungMs));
 }
@@ -164,8 +164,7 @@ TEST_F(FaultTest, PickerKilledIsReportedByTheHostInOneLine) {
 // The host is killed outright: its picker and the setup UI see their links close and end; none
 // lingers.
 TEST_F(FaultTest, HostKilledEndsThePickerAndTheSetupUI) {
-    const HostRun host =
-        pickAndThen([](const HostRun& run) { ::kill(pid_t(run.pid), SIGKILL); });
+    const HostRun host = pickAndThen([](const HostRun& run) { ::kill(pid_t(run.pid), SIGKILL); });
     ASSERT_TRUE(picker != 0 && setupUI != 0) << host.standardError.toStdString();
     EXPECT_TRUE(runMainLoopUntil([this] { return ended(picker) && ended(setupUI); }, kHungMs))
         << host.standardError.toStdString();
@@ -179,40 +178,41 @@ TEST_F(FaultTest, MalformedMessagesToTheDaemonAreRefusedAndTheLinkStaysUsable) {
         road.environment().value(QStringLiteral("DBUS_SESSION_BUS_ADDRESS")),
         QStringLiteral("malformed-peer"));
     ASSERT_TRUE(peer.isConnected());
-    const auto call = [&](const QString& member, const QVariantList& arguments,
-                          const QString& interface = QStringLiteral("com.vantor.lumarod.Daemon")) {
-        QDBusMessage message = QDBusMessage::createMethodCall(
-            QStringLiteral("com.vantor.lumarod"), QStringLiteral("/com/vantor/lumarod"), interface,
-            member);
+    const QString daemon = QStringLiteral("com.vantor.lumarod.Daemon");
+    const auto call = [&](const QString& interface, const QString& member,
+                          const QVariantList& arguments) {
+        QDBusMessage message = QDBusMessage::createMethodCall(QStringLiteral("com.vantor.lumarod"),
+                                                              QStringLiteral("/com/vantor/lumarod"),
+                                                              interface, member);
         message.setArguments(arguments);
         return peer.call(message, QDBus::Block, kHungMs);
     };
     const QString setup = QStringLiteral(
         "setupBroadcastWithHostBundleID_broadcastExtensionBundleID_broadcastConfigurationData_"
         "userInfo_handler_");
-    const auto one = [](const QVariant& value) { return QVariant::fromValue(QVariantList{value}); };
+    const auto one = [](const QVariant& value) {
+        return QVariant::fromValue(QVariantList{value});
+    };
     const QVariantList good{one(QStringLiteral("com.example.host")), one(QStringLiteral("b")),
                             one(QByteArray("c")), one(QVariantMap{})};
     QVariantList huge = good;
     huge[0] = QVariant::fromValue(QVariantList(1000000, QStringLiteral("x")));
     QVariantList twoInOne = good;
     twoInOne[0] = QVariant::fromValue(QVariantList{QStringLiteral("a"), QStringLiteral("b")});
-    const QString other = QStringLiteral("com.example.Other");
-    // Member, arguments, the error's name and, when not the daemon's, the interface.
-    const std::vector<std::tuple<QString, QVariantList, QString, QString>> cases = {
-        {setup, {42, QStringLiteral("b"), QByteArray("c"), 1}, QStringLiteral("InvalidArgs"), {}},
-        {setup, huge, QStringLiteral("InvalidArgs"), {}},
-        {setup, good.mid(1), QStringLiteral("InvalidArgs"), {}},
-        {setup, twoInOne, QStringLiteral("InvalidArgs"), {}},
-        {QStringLiteral("noSuchRequest_"), {}, QStringLiteral("UnknownMethod"), {}},
-        {setup + QStringLiteral("_1"), good, QStringLiteral("UnknownMethod"), {}},
-        {setup, good, QStringLiteral("UnknownInterface"), other},
+    // The interface, member and arguments, and the error's name.
+    const std::vector<std::tuple<QString, QString, QVariantList, QString>> cases = {
+        {daemon, setup, {42, QStringLiteral("b"), QByteArray("c"), 1}, "InvalidArgs"},
+        {daemon, setup, huge, "InvalidArgs"},
+        {daemon, setup, good.mid(1), "InvalidArgs"},
+        {daemon, setup, twoInOne, "InvalidArgs"},
+        {daemon, "noSuchRequest_", {}, "UnknownMethod"},
+        {daemon, setup + "_1", good, "UnknownMethod"},
+        {"com.example.Other", setup, good, "UnknownInterface"},
     };
-    for (const auto& [member, arguments, error, interface] : cases) {
+    for (const auto& [interface, member, arguments, error] : cases) {
         SCOPED_TRACE(error.toStdString());
-        const QDBusMessage answer = interface.isEmpty() ? call(member, arguments)
-                                                        : call(member, arguments, interface);
-        EXPECT_EQ(answer.errorName(), QStringLiteral("org.freedesktop.DBus.Error.") + error);
+        const QDBusMessage answer = call(interface, member, arguments);
+        EXPECT_EQ(answer.errorName(), "org.freedesktop.DBus.Error." + error);
         QString log;
         EXPECT_TRUE(runMainLoopUntil(
             [&] {
@@ -222,7 +222,7 @@ TEST_F(FaultTest, MalformedMessagesToTheDaemonAreRefusedAndTheLinkStaysUsable) {
             kHungMs));
         EXPECT_EQ(log.count(QStringLiteral("<Error> ")), 1) << log.toStdString();
     }
-    EXPECT_EQ(call(setup, good).type(), QDBusMessage::ReplyMessage);
+    EXPECT_EQ(call(daemon, setup, good).type(), QDBusMessage::ReplyMessage);
     EXPECT_EQ(road.daemonRequests().size(), 1);
     QDBusConnection::disconnectFromBus(QStringLiteral("malformed-peer"));
 }

@@ -19,18 +19,18 @@ TempDir::~TempDir() {
         return;
     }
     // Restore permissions that a test may have taken away, then remove everything.
+    namespace fs = std::filesystem;
+    const fs::path root = path_.toStdString();
     std::error_code ec;
-    for (auto it = std::filesystem::recursive_directory_iterator(
-             path_.toStdString(), std::filesystem::directory_options::skip_permission_denied, ec);
-         !ec && it != std::filesystem::recursive_directory_iterator(); it.increment(ec)) {
+    fs::permissions(root, fs::perms::owner_all, fs::perm_options::add, ec);
+    for (auto it = fs::recursive_directory_iterator(
+             root, fs::directory_options::skip_permission_denied, ec);
+         !ec && it != fs::end(it); it.increment(ec)) {
         if (it->is_directory(ec) && !it->is_symlink(ec)) {
-            std::filesystem::permissions(it->path(), std::filesystem::perms::owner_all,
-                                         std::filesystem::perm_options::add, ec);
+            fs::permissions(it->path(), fs::perms::owner_all, fs::perm_options::add, ec);
         }
     }
-    std::filesystem::permissions(path_.toStdString(), std::filesystem::perms::owner_all,
-                                 std::filesystem::perm_options::add, ec);
-    std::filesystem::remove_all(path_.toStdString(), ec);
+    fs::remove_all(root, ec);
 }
 
 QString TempDir::write(const QString& name, qint64 bytes, const QByteArray& content) const {

@@ -1,40 +1,30 @@
 #include "tests/support/TestBus.h"
 
 #include <signal.h>
-#include <sys/wait.h>
 
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
 #include <QDeadlineTimer>
-#include <QDir>
 #include <QFile>
 #include <QJsonDocument>
-#include <QProcessEnvironment>
+#include <QTemporaryFile>
 #include <QThread>
-#include <QUuid>
 #include <atomic>
-#include <cstdlib>
 
 namespace lumaro::test {
 
-PrivateBus::PrivateBus(const QString& serviceDir) {
-    configPath_ = QDir::temp().filePath(
-        QStringLiteral("lumaro-test-bus-%1.conf").arg(QUuid::createUuid().toString(QUuid::Id128)));
-    QFile config(configPath_);
-    if (!config.open(QIODevice::WriteOnly)) {
+PrivateBus::PrivateBus() {
+    QTemporaryFile config;
+    if (!config.open()) {
         return;
-    }
-    QByteArray xml =
-        "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
-        " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
-        "<busconfig><type>session</type><listen>unix:tmpdir=/tmp</listen>"
-        "<auth>EXTERNAL</auth>";
-    if (!serviceDir.isEmpty()) {
-        xml += "<servicedir>" + serviceDir.toUtf8() + "</servicedir>";
     }
     // The limits of a desktop session bus: the built-in ones (128 pending replies per connection)
     // would fail a client's requests that a real session takes.
-    xml +=
+    config.write(
+        "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
+        " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
+        "<busconfig><type>session</type><listen>unix:tmpdir=/tmp</listen>"
+        "<auth>EXTERNAL</auth>"
         "<policy context=\"default\"><allow send_destination=\"*\" eavesdrop=\"true\"/>"
         "<allow eavesdrop=\"true\"/><allow own=\"*\"/></policy>"
         "<limit name=\"max_incoming_bytes\">1000000000</limit>"
@@ -42,13 +32,12 @@ PrivateBus::PrivateBus(const QString& serviceDir) {
         "<limit name=\"max_message_size\">1000000000</limit>"
         "<limit name=\"max_connections_per_user\">100000</limit>"
         "<limit name=\"max_match_rules_per_connection\">50000</limit>"
-        "<limit name=\"max_replies_per_connection\">50000</limit></busconfig>\n";
-    config.write(xml);
+        "<limit name=\"max_replies_per_connection\">50000</limit></busconfig>\n");
     config.close();
 
     QProcess process;
     process.start(QStringLiteral("dbus-daemon"),
-                  {QStringLiteral("--config-file=") + configPath_, QStringLiteral("--fork"),
+                  {QStringLiteral("--config-file=") + config.fileName(), QStringLiteral("--fork"),
                    QStringLiteral("--print-address=1"), QStringLiteral("--print-pid=1")});
     if (!process.waitForFinished(10000) || process.exitCode() != 0) {
         return;
@@ -62,14 +51,8 @@ PrivateBus::PrivateBus(const QString& serviceDir) {
 }
 
 PrivateBus::~PrivateBus() {
-    stop();
-    QFile::remove(configPath_);
-}
-
-void PrivateBus::stop() {
     if (pid_ > 0) {
         ::kill(pid_, SIGTERM);
-        pid_ = -1;
     }
 }
 
@@ -83,17 +66,11 @@ bool PrivateBus::waitForName(const QString& name, bool owned, int timeoutMs) con
     bool result = false;
     {
         QDBusConnection bus = QDBusConnection::connectToBus(address_, connectionName);
-        QDeadlineTimer deadline(timeoutMs);
-        while (bus.isConnected()) {
-            const bool has = bus.interface()->isServiceRegistered(name).value();
-            if (has == owned) {
-                result = true;
+        for (const QDeadlineTimer deadline(timeoutMs); bus.isConnected(); QThread::msleep(10)) {
+            result = bus.interface()->isServiceRegistered(name).value() == owned;
+            if (result || deadline.hasExpired()) {
                 break;
             }
-            if (deadline.hasExpired()) {
-                break;
-            }
-            QThread::msleep(10);
         }
     }
     QDBusConnection::disconnectFromBus(connectionName);
@@ -102,8 +79,7 @@ bool PrivateBus::waitForName(const QString& name, bool owned, int timeoutMs) con
 
 PrivateBus& sharedBus() {
     static PrivateBus bus;  // stopped by its pid at exit
-    static const bool exported = (bus.exportToEnvironment(), true);
-    (void)exported;
+    [[maybe_unused]] static const bool exported = (bus.exportToEnvironment(), true);
     return bus;
 }
 
@@ -116,7 +92,6 @@ ChildProcess::~ChildProcess() {
 
 bool ChildProcess::start() {
     process_ = std::make_unique<QProcess>();
-    process_->setProcessEnvironment(QProcessEnvironment::systemEnvironment());
     process_->setProcessChannelMode(QProcess::ForwardedOutputChannel);
     process_->start(program_, arguments_);
     return process_->waitForStarted(10000);
@@ -127,14 +102,6 @@ void ChildProcess::kill() {
         process_->kill();
         process_->waitForFinished(10000);
     }
-}
-
-bool ChildProcess::isRunning() const {
-    return process_ && process_->state() == QProcess::Running;
-}
-
-qint64 ChildProcess::pid() const {
-    return process_ ? process_->processId() : -1;
 }
 
 QByteArray ChildProcess::readStandardError() {

@@ -1,11 +1,4 @@
 // Test fixtures for anything that talks over D-Bus: a private bus daemon and child processes.
-//
-//   lumaro::test::PrivateBus bus;             // starts dbus-daemon, stops it by pid on exit
-//   bus.exportToEnvironment();                // DBUS_SESSION_BUS_ADDRESS for this process
-//   lumaro::test::ChildProcess daemon(lumaro::test::buildPath("programs/lumarod-reference/"
-//                                     "lumarod-reference"), {"--record", file});
-//   daemon.start(); bus.waitForName("com.vantor.lumarod", true, 5000);
-//   auto lines = lumaro::test::readJsonLines(file);
 #pragma once
 
 #include <sys/types.h>
@@ -18,27 +11,23 @@
 
 namespace lumaro::test {
 
-// A dbus-daemon of its own, with no service directories (unless given one), so that nothing is
-// activated behind a test's back.
+// A dbus-daemon of its own, with no service directories, so that nothing is activated behind a
+// test's back. Stopped by its process id when the object goes.
 class PrivateBus {
 public:
-    explicit PrivateBus(const QString& serviceDir = {});
+    PrivateBus();
     ~PrivateBus();
     PrivateBus(const PrivateBus&) = delete;
     PrivateBus& operator=(const PrivateBus&) = delete;
 
     bool isRunning() const { return pid_ > 0; }
     const QString& address() const { return address_; }
-    pid_t pid() const { return pid_; }
     // Sets DBUS_SESSION_BUS_ADDRESS for this process and the children it starts later.
     void exportToEnvironment() const;
     // Waits until `name` has (or has not) an owner on this bus.
     bool waitForName(const QString& name, bool owned, int timeoutMs) const;
-    // Stops the bus daemon now (SIGTERM to its pid).
-    void stop();
 
 private:
-    QString configPath_;
     QString address_;
     pid_t pid_ = -1;
 };
@@ -51,13 +40,9 @@ class ChildProcess {
 public:
     ChildProcess(QString program, QStringList arguments);
     ~ChildProcess();
-    ChildProcess(const ChildProcess&) = delete;
-    ChildProcess& operator=(const ChildProcess&) = delete;
 
     bool start();
     void kill();
-    bool isRunning() const;
-    qint64 pid() const;
     QByteArray readStandardError();
 
 private:

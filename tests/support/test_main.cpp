@@ -2,6 +2,7 @@
 
 #include <QApplication>
 #include <QTemporaryDir>
+#include <algorithm>
 #include <atomic>
 #include <memory>
 
@@ -21,11 +22,10 @@ void flushMainQueue() {
 }
 
 size_t errorCount(const platform::log::LogCapture& capture) {
-    size_t n = 0;
-    for (const auto& record : capture.records()) {
-        n += record.type == OS_LOG_TYPE_ERROR ? 1 : 0;
-    }
-    return n;
+    const auto records = capture.records();
+    return size_t(std::count_if(records.begin(), records.end(), [](const auto& record) {
+        return record.type == OS_LOG_TYPE_ERROR;
+    }));
 }
 
 }  // namespace lumaro::test
@@ -37,15 +37,11 @@ int main(int argc, char** argv) {
     if (options.ownMainBundle) {
         qputenv("LUMARO_MAIN_BUNDLE", bundle.path().toLocal8Bit());
     }
-    std::unique_ptr<QCoreApplication> app;
-    if (options.widgets) {
-        if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) {
-            qputenv("QT_QPA_PLATFORM", "offscreen");
-        }
-        app = std::make_unique<QApplication>(argc, argv);
-    } else {
-        app = std::make_unique<QCoreApplication>(argc, argv);
+    if (options.widgets && qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) {
+        qputenv("QT_QPA_PLATFORM", "offscreen");
     }
+    const std::unique_ptr<QCoreApplication> app(options.widgets ? new QApplication(argc, argv)
+                                                                : new QCoreApplication(argc, argv));
     if (options.prepare != nullptr) {
         options.prepare();
     }
