@@ -37,7 +37,6 @@ void EchoObject::performSelector(const QString& selector, const QVariantList& ar
     if (s == kNote) {
         {
             std::lock_guard lock(mutex_);
-            lastNote_ = arguments;
             noteObjects_.append(arguments.value(0));
         }
         notes++;
@@ -75,11 +74,6 @@ void EchoObject::performSelector(const QString& selector, const QVariantList& ar
         }
         reply({values.value(0)});
     }
-}
-
-QVariantList EchoObject::lastNote() const {
-    std::lock_guard lock(mutex_);
-    return lastNote_;
 }
 
 QVariantList EchoObject::noteObjects() const {
@@ -158,11 +152,9 @@ bool EchoScene::listener(NSXPCListener*, const std::shared_ptr<NSXPCConnection>&
         return false;
     }
     connection->setRemoteObjectInterface(NSXPCInterface::interfaceWithProtocol(EchoProtocol()));
-    if (!exportNothing) {
-        connection->setExportedInterface(NSXPCInterface::interfaceWithProtocol(EchoProtocol()));
-        connection->setExportedObject(serverObject);
-        serverObject->connection = connection;
-    }
+    connection->setExportedInterface(NSXPCInterface::interfaceWithProtocol(EchoProtocol()));
+    connection->setExportedObject(serverObject);
+    serverObject->connection = connection;
     std::lock_guard lock(mutex_);
     accepted_.push_back(connection);
     return true;

@@ -36,15 +36,13 @@ public:
     void performSelector(const QString& selector, const QVariantList& arguments) override;
 
     std::atomic<int> notes{0};
-    QVariantList lastNote() const;
-    QVariantList noteObjects() const;  // the object of every note, in the order they came
+    QVariantList noteObjects() const;           // the object of every note, in the order they came
     std::weak_ptr<NSXPCConnection> connection;  // for callMeBack:
     size_t heldCount() const;
     void dropHeld();
 
 private:
     mutable std::mutex mutex_;
-    QVariantList lastNote_;
     QVariantList noteObjects_;
     std::vector<NSXPCBlock> held_;  // blocks kept by "hold"
 };
@@ -85,7 +83,6 @@ public:
     std::shared_ptr<EchoObject> serverObject = std::make_shared<EchoObject>();
     std::unique_ptr<NSXPCListener> listener_;
     std::atomic<bool> refuse{false};
-    std::atomic<bool> exportNothing{false};  // accept, but with no exported object
 
     // The connections the listener accepted, in order.
     std::vector<std::shared_ptr<NSXPCConnection>> accepted() const;

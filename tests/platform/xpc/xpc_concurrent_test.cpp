@@ -3,6 +3,7 @@
 // ends every one of them once, without a crash or a hang.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <thread>
 #include <vector>
 
@@ -10,6 +11,7 @@
 #include "tests/platform/xpc/EchoScene.h"
 #include "tests/support/TestBus.h"
 
+using lumaro::test::EchoObject;
 using lumaro::test::EchoScene;
 using lumaro::test::kCallMeBack;
 using lumaro::test::kMisbehave;
@@ -128,38 +130,28 @@ TEST_P(ConcurrentTest, OneWayMessagesOnAFreshLinkArriveInOrder) {
     for (int i = 0; i < kMessages; ++i) {
         expected.append(QString::number(i));
     }
-    // The first place where `got` differs from what was sent, as text; empty when in order.
-    auto disorder = [&](const QVariantList& got) {
-        for (qsizetype i = 0; i < expected.size(); ++i) {
-            if (i >= got.size() || got[i] != expected[i]) {
-                return QStringLiteral("at %1: %2").arg(i).arg(
-                    got.mid(i, 5).size() > 0 ? QVariant(got.mid(i, 5)).toStringList().join(u' ')
-                                             : QStringLiteral("nothing"));
-            }
-        }
-        return got.size() == expected.size() ? QString() : QStringLiteral("more than sent");
-    };
-    auto sendAll = [&](const std::shared_ptr<NSXPCConnection>& connection) {
-        auto proxy = connection->remoteObjectProxy();
+    auto sendAllInOrder = [&](const std::shared_ptr<NSXPCConnection>& from, const EchoObject& to) {
+        auto proxy = from->remoteObjectProxy();
         for (const QVariant& number : expected) {
             proxy->send(lumaro::test::kNote, {number}, nullptr);
         }
+        ASSERT_TRUE(runMainLoopUntil([&] { return to.notes.load() >= kMessages; }, 60000));
+        const QVariantList got = to.noteObjects();
+        ASSERT_TRUE(got == expected)
+            << "first out of order at "
+            << std::mismatch(got.begin(), got.end(), expected.begin(), expected.end()).first -
+                   got.begin();
     };
     for (int round = 0; round < kRounds; ++round) {
+        SCOPED_TRACE(round);
         if (round > 0) {
-            scene_.reset();
+            scene_.reset();  // the bus name is free again before the next scene takes it
             scene_ = EchoScene::make(GetParam());
             ASSERT_TRUE(scene_);
         }
-        sendAll(scene_->client);
-        ASSERT_TRUE(runMainLoopUntil(
-            [&] { return scene_->serverObject->notes.load() >= kMessages; }, 60000));
-        ASSERT_EQ(disorder(scene_->serverObject->noteObjects()).toStdString(), "") << round;
+        ASSERT_NO_FATAL_FAILURE(sendAllInOrder(scene_->client, *scene_->serverObject));
         ASSERT_EQ(scene_->accepted().size(), 1U);
-        sendAll(scene_->accepted().front());
-        ASSERT_TRUE(runMainLoopUntil(
-            [&] { return scene_->clientObject->notes.load() >= kMessages; }, 60000));
-        ASSERT_EQ(disorder(scene_->clientObject->noteObjects()).toStdString(), "") << round;
+        ASSERT_NO_FATAL_FAILURE(sendAllInOrder(scene_->accepted().front(), *scene_->clientObject));
     }
 }
 
