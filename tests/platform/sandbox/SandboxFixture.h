@@ -28,6 +28,10 @@ inline QVariantMap pickerEntitlements() {
     };
 }
 
+inline std::string fs(const QString& path) {
+    return QFile::encodeName(path).toStdString();
+}
+
 class SandboxTest : public ::testing::Test {
 protected:
     void SetUp() override { platform::sandbox::setEntitlementsForTesting(pickerEntitlements()); }
@@ -49,7 +53,6 @@ protected:
         const std::string text = token(cls, path);
         return text.empty() ? std::nullopt : std::optional(platform::sandbox::verifyToken(text));
     }
-    static std::string fs(const QString& path) { return QFile::encodeName(path).toStdString(); }
 
     TempDir home_;
     TempDir runtime_;

@@ -8,6 +8,7 @@
 #include "platform/sandbox/token_key.h"
 #include "tests/platform/sandbox/SandboxFixture.h"
 
+using lumaro::test::fs;
 using lumaro::test::SandboxTest;
 using lumaro::test::TempDir;
 
