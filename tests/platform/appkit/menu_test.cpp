@@ -2,7 +2,6 @@
 
 #include <QFile>
 #include <QGuiApplication>
-#include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QMenu>
@@ -24,37 +23,30 @@ using platform::appkit::QtMenuPresenter;
 
 namespace {
 
-std::shared_ptr<NSImage> squareImage(QColor color) {
-    QImage image(64, 64, QImage::Format_ARGB32);
-    image.fill(color);
-    auto result = std::make_shared<NSImage>(image);
-    result->setSize(NSMakeSize(16, 16));
-    return result;
-}
-
 // What the activity menu looks like: a disabled title line, then one entry per service, each
-// with an action, an icon and an identifier; automatic enabling off.
+// with an action, a 16-point icon and an identifier; automatic enabling off.
 struct ActivityMenu {
     std::shared_ptr<NSMenu> menu = NSMenu::initWithTitle(QStringLiteral("Screen Broadcast"));
     std::vector<std::string> performed;  // identifiers, in order
     std::vector<std::string> queues;     // the queue each action ran on
 
-    explicit ActivityMenu(int services = 3) {
-        std::vector<NSMenuItemPtr> items;
+    ActivityMenu() {
         auto title = NSMenuItem::initWithTitle(QStringLiteral("Broadcast Notes to"), {}, QString());
         title->setEnabled(false);
-        items.push_back(title);
-        const QColor colors[] = {Qt::red, Qt::green, Qt::blue, Qt::yellow};
-        for (int i = 0; i < services; ++i) {
+        std::vector<NSMenuItemPtr> items{title};
+        QImage square(64, 64, QImage::Format_ARGB32);
+        square.fill(Qt::red);
+        for (int i = 1; i <= 3; ++i) {
             auto item = NSMenuItem::initWithTitle(
-                QStringLiteral("Service %1").arg(i + 1),
+                QStringLiteral("Service %1").arg(i),
                 [this](const NSMenuItemPtr& sender) {
                     performed.push_back(sender->identifier().toStdString());
                     queues.emplace_back(dispatch_queue_get_label(DISPATCH_CURRENT_QUEUE_LABEL));
                 },
                 QString());
-            item->setIdentifier(QStringLiteral("com.example.service%1.setup").arg(i + 1));
-            item->setImage(squareImage(colors[i % 4]));
+            item->setIdentifier(QStringLiteral("com.example.service%1.setup").arg(i));
+            item->setImage(std::make_shared<NSImage>(square));
+            item->image()->setSize(NSMakeSize(16, 16));
             items.push_back(item);
         }
         menu->setItemArray(items);
@@ -77,18 +69,6 @@ protected:
         NSMenu::setMenuBarVisible(false);
     }
     QString recordFile() const { return dir.file(QStringLiteral("menus.jsonl")); }
-    std::vector<QJsonObject> recordLines() const {
-        QFile f(recordFile());
-        std::vector<QJsonObject> lines;
-        if (f.open(QIODevice::ReadOnly)) {
-            for (const QByteArray& line : f.readAll().split('\n')) {
-                if (!line.isEmpty()) {
-                    lines.push_back(QJsonDocument::fromJson(line).object());
-                }
-            }
-        }
-        return lines;
-    }
     static bool runUntil(const std::function<bool()>& done) {
         return platform::dispatch::runMainLoopUntil(done, 10000);
     }
@@ -98,49 +78,35 @@ protected:
     std::vector<MenuRecord> hooked;
 };
 
-// The record's texts, order and anchor are read by the end-to-end road and the picker's tests;
-// here what only this layer knows: images, the menu bar, and the file's line being the hook's.
-TEST_F(MenuTest, AutomationRecordsTheMenuAsShown) {
+// The record's texts, order and anchor, and choosing by identifier or index, are read by the
+// end-to-end road and the picker's tests; here what only this layer knows: images, the menu bar,
+// the file's line being the hook's, a choice by title, and the action on a later turn of the main
+// queue.
+TEST_F(MenuTest, AutomationRecordsTheMenuAndChoosesByTitleOnTheMainQueue) {
     ActivityMenu activity;
     NSMenu::setMenuBarVisible(true);
-    EXPECT_FALSE(activity.menu->popUpMenuPositioningItem(nullptr, NSMakePoint(1, 2), nullptr));
+    automation->setChoice(QStringLiteral("Service 2"));  // no such identifier: the title
+    EXPECT_TRUE(activity.menu->popUpMenuPositioningItem(nullptr, NSMakePoint(1, 2), nullptr));
+    EXPECT_TRUE(activity.performed.empty());  // not before a later turn of the main queue
     ASSERT_EQ(hooked.size(), 1u);
     const MenuRecord& r = hooked.front();
     EXPECT_EQ(r.backend, QStringLiteral("automation"));
     EXPECT_TRUE(r.menuBarVisible);
+    EXPECT_EQ(r.chosen, 2);
     ASSERT_EQ(r.entries.size(), 4u);
     EXPECT_FALSE(r.entries[0].hasImage);
     EXPECT_TRUE(r.entries[3].hasImage);
     EXPECT_EQ(r.entries[3].imageSize, NSMakeSize(16, 16));
     QFile file(recordFile());
     ASSERT_TRUE(file.open(QIODevice::ReadOnly));
-    EXPECT_EQ(file.readLine(), r.toJsonLine());
-    EXPECT_EQ(recordLines().front().value("platform").toString(), QGuiApplication::platformName());
-    EXPECT_TRUE(activity.performed.empty());
-}
+    const QByteArray line = file.readLine();
+    EXPECT_EQ(line, r.toJsonLine());
+    EXPECT_EQ(QJsonDocument::fromJson(line).object().value("platform").toString(),
+              QGuiApplication::platformName());
 
-TEST_F(MenuTest, AutomationChoosesByIdentifierIndexOrTitleOnTheMainQueue) {
-    ActivityMenu activity;
-    const std::string mainLabel = dispatch_queue_get_label(dispatch_get_main_queue());
-
-    automation->setChoice(QStringLiteral("com.example.service2.setup"));
-    EXPECT_TRUE(activity.menu->popUpMenuPositioningItem(nullptr, NSZeroPoint, nullptr));
-    EXPECT_TRUE(activity.performed.empty());  // not before a later turn of the main queue
     ASSERT_TRUE(runUntil([&] { return activity.performed.size() == 1; }));
     EXPECT_EQ(activity.performed.back(), "com.example.service2.setup");
-    EXPECT_EQ(activity.queues.back(), mainLabel);
-    EXPECT_EQ(hooked.back().chosen, 2);
-
-    automation->setChoice(QStringLiteral("#3"));
-    EXPECT_TRUE(activity.menu->popUpMenuPositioningItem(nullptr, NSZeroPoint, nullptr));
-    ASSERT_TRUE(runUntil([&] { return activity.performed.size() == 2; }));
-    EXPECT_EQ(activity.performed.back(), "com.example.service3.setup");
-
-    automation->setChoice(QStringLiteral("Service 1"));  // no such identifier: the title
-    EXPECT_TRUE(activity.menu->popUpMenuPositioningItem(nullptr, NSZeroPoint, nullptr));
-    ASSERT_TRUE(runUntil([&] { return activity.performed.size() == 3; }));
-    EXPECT_EQ(activity.performed.back(), "com.example.service1.setup");
-    EXPECT_EQ(recordLines().back().value("chosen").toInt(), 1);
+    EXPECT_EQ(activity.queues.back(), dispatch_queue_get_label(dispatch_get_main_queue()));
 }
 
 TEST_F(MenuTest, AutomationChoosesNothingItCannot) {
@@ -153,9 +119,7 @@ TEST_F(MenuTest, AutomationChoosesNothingItCannot) {
             << choice;
         EXPECT_EQ(hooked.back().chosen, -1) << choice;
     }
-    // Two quiet dismissals, six refusals with a reason each.
-    EXPECT_EQ(capture.records().size(), 6u);
-    EXPECT_EQ(capture.texts()[0], "menu \"Screen Broadcast\": entry 0 is disabled; nothing chosen");
+    EXPECT_EQ(capture.records().size(), 6u);  // two quiet dismissals, six refusals
 
     // An empty menu, and a menu that is not even held by a shared pointer, are still recorded.
     NSMenu empty(QStringLiteral("Nothing"));
@@ -227,28 +191,19 @@ TEST_F(MenuTest, TheRealMenuServesEveryRealDisplayAndAutomationTheRest) {
     };
     for (const Case& c : std::initializer_list<Case>{
              {"", "xcb", true, "qt", false},
-             {"", "wayland", true, "qt", false},
              {"", "wayland-egl", true, "qt", false},
              {"", "offscreen", true, "automation", false},
-             {"", "minimal", true, "automation", false},
              {"", "xcb", false, "automation", false},  // a GUI without widgets has no QMenu
-             {"", "", false, "automation", false},
              {"automation", "wayland", true, "automation", false},
              {" qt ", "offscreen", true, "qt", false},
              {"gtk", "wayland", true, "qt", true},
-             {"gtk", "offscreen", true, "automation", true},
          }) {
         QString error;
         EXPECT_EQ(NSMenuPresenter::backendFor(QString::fromLatin1(c.asked),
                                               QString::fromLatin1(c.platform), c.widgets, &error),
                   QLatin1String(c.backend))
             << c.asked << " on " << c.platform;
-        EXPECT_EQ(error.startsWith(QStringLiteral("LUMARO_MENU_BACKEND=%1 is neither \"qt\" nor "
-                                                  "\"automation\"; choosing by the display "
-                                                  "platform (")
-                                       .arg(QString::fromLatin1(c.asked))),
-                  c.complaint)
-            << error.toStdString();
+        EXPECT_EQ(!error.isEmpty(), c.complaint) << error.toStdString();
     }
 }
 
@@ -273,33 +228,11 @@ TEST_F(MenuTest, QtBackendShowsARealMenuAtTheConvertedPoint) {
     EXPECT_FALSE(actions[0]->isEnabled());
     EXPECT_TRUE(actions[2]->isEnabled());
     EXPECT_FALSE(actions[2]->icon().isNull());
-    EXPECT_EQ(hooked.back().backend, QStringLiteral("qt"));
-    EXPECT_EQ(hooked.back().platform, QGuiApplication::platformName());
-    EXPECT_EQ(hooked.back().choice, QStringLiteral("user"));
     shown->hide();
     ASSERT_TRUE(runUntil([&] { return qt->shownMenu() == nullptr; }));  // deleted once closed
     EXPECT_TRUE(activity.performed.empty());
 
-    // A scripted choice clicks the real menu once it is exposed: the menu closes and the item's
-    // action is sent once, on the main queue; a disabled entry is refused and nothing clicked.
-    auto scripted = std::make_shared<QtMenuPresenter>(QStringLiteral("com.example.service2.setup"));
-    NSMenuPresenter::setCurrent(scripted);
-    activity.menu->popUpMenuPositioningItem(nullptr, NSMakePoint(100, 300), nullptr);
-    EXPECT_EQ(hooked.back().chosen, 2);
-    ASSERT_TRUE(runUntil([&] { return activity.performed.size() == 1; }));
-    EXPECT_EQ(activity.performed.front(), "com.example.service2.setup");
-    ASSERT_TRUE(runUntil([&] { return scripted->shownMenu() == nullptr; }));
-    auto refused = std::make_shared<QtMenuPresenter>(QStringLiteral("#0"));
-    NSMenuPresenter::setCurrent(refused);
-    activity.menu->popUpMenuPositioningItem(nullptr, NSMakePoint(100, 300), nullptr);
-    EXPECT_EQ(hooked.back().chosen, -1);
-    ASSERT_NE(refused->shownMenu(), nullptr);
-    refused->shownMenu()->hide();
-    ASSERT_TRUE(runUntil([&] { return refused->shownMenu() == nullptr; }));
-    EXPECT_EQ(activity.performed.size(), 1u);
-    NSMenuPresenter::setCurrent(qt);
-
-    // In a view: the point is in the view's widget.
+    // In a view: the point is in the view's widget. (A scripted click: the Wayland road.)
     auto view = NSView::initWithFrame(NSMakeRect(0, 0, 200, 100));
     view->widget()->move(40, 30);
     view->widget()->show();

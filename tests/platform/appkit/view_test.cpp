@@ -33,30 +33,7 @@ TEST(NSViewTest, FrameBoundsAndWidgetGeometryAgree) {
     EXPECT_EQ(child->widget()->geometry(), QRect(10, 21, 101, 50));
 }
 
-TEST(NSViewTest, PinnedSubviewFollowsItsSuperview) {
-    auto parent = makeView(0, 0, 400, 300);
-    auto child = makeView(5, 5, 10, 10);
-    parent->addSubview(child);
-    pinEdges(child, parent);
-    child->setTranslatesAutoresizingMaskIntoConstraints(false);
-    EXPECT_EQ(child->frame(), NSMakeRect(0, 0, 400, 300));
-    parent->setFrameSize(NSMakeSize(640.5, 480));
-    EXPECT_EQ(child->frame(), NSMakeRect(0, 0, 640.5, 480));
-    EXPECT_EQ(child->widget()->size(), QSize(641, 480));
-
-    // Moving the superview does not move the child inside it.
-    parent->setFrameOrigin(NSMakePoint(30, 40));
-    EXPECT_EQ(child->frame(), NSMakeRect(0, 0, 640.5, 480));
-
-    // A grandchild pinned to the child follows two levels down.
-    auto grandchild = makeView(0, 0, 1, 1);
-    child->addSubview(grandchild);
-    pinEdges(grandchild, child);
-    grandchild->setTranslatesAutoresizingMaskIntoConstraints(false);
-    parent->setFrameSize(NSMakeSize(200, 100));
-    EXPECT_EQ(grandchild->frame(), NSMakeRect(0, 0, 200, 100));
-}
-
+// A pinned subview following its superview: the picker's embedded form (tests/picker).
 TEST(NSViewTest, ConstantsSiblingsAndReversedConstraints) {
     auto parent = makeView(0, 0, 300, 200);
     auto left = makeView(0, 0, 0, 0);
