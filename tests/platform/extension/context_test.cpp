@@ -1,4 +1,5 @@
-// Contexts in one process: initialisation, the end of a request, classes by name, the vendor.
+// Contexts in one process: initialisation, the end of a request, classes by name. (The vendor
+// that finds a request's context: the picker's loadView tests.)
 #include <gtest/gtest.h>
 
 #include "platform/dispatch/dispatch.h"
@@ -29,6 +30,7 @@ TEST(ExtensionContext, InitialisesOnlyInsideASharedPointerAndDropsNullItems) {
     ASSERT_EQ(context->inputItems().size(), 2u);
     EXPECT_EQ(context->inputItems()[1]->attributedTitle(), "b");
 }
+
 TEST(ExtensionContext, RequestEndsOnceThroughItsHandler) {
     auto context = std::make_shared<NSExtensionContext>();
     context->initWithInputItems({}, nullptr, QUuid::createUuid());
@@ -73,7 +75,7 @@ TEST(ExtensionContext, RequestEndsOnceThroughItsHandler) {
     ASSERT_NE(got, nullptr);
 }
 
-TEST(ExtensionContext, ClassesByNameAndTheVendor) {
+TEST(ExtensionContext, ClassesByName) {
     ASSERT_NE(NSExtensionLookupContextClass("NSExtensionContext"), nullptr);
     EXPECT_EQ(NSExtensionLookupContextClass("NoSuchContext"), nullptr);
 
@@ -95,16 +97,4 @@ TEST(ExtensionContext, ClassesByNameAndTheVendor) {
                                     }});
     EXPECT_EQ(NSExtensionLookupContextClass("RecordingContext"), cls);
     EXPECT_FALSE(cls->_extensionAuxiliaryHostProtocol);
-
-    auto vendor = _NSExtensionContextVendor::_sharedExtensionContextVendor();
-    ASSERT_EQ(vendor, _NSExtensionContextVendor::_sharedExtensionContextVendor());
-    auto context = cls->alloc();
-    const QUuid uuid = QUuid::createUuid();
-    context->initWithInputItems({}, nullptr, uuid);
-    vendor->_setExtensionContext(context);
-    vendor->_setExtensionContext(nullptr);
-    EXPECT_EQ(vendor->_extensionContextForUUID(uuid), context);
-    EXPECT_EQ(vendor->_extensionContextForUUID(QUuid::createUuid()), nullptr);
-    vendor->_removeExtensionContext(uuid);
-    EXPECT_EQ(vendor->_extensionContextForUUID(uuid), nullptr);
 }
