@@ -15,7 +15,7 @@
 #include "tests/platform/xpc/EchoScene.h"
 #include "tests/support/TestBus.h"
 
-using lumaro::test::EchoProtocol;
+using lumaro::test::EchoInterface;
 using lumaro::test::EchoScene;
 using lumaro::test::kMisbehave;
 using lumaro::test::Outcome;
@@ -30,7 +30,7 @@ const QString kRawName = QStringLiteral("com.example.xpc.Raw");
 
 std::shared_ptr<NSXPCConnection> connectTo(const NSXPCListenerEndpoint& endpoint) {
     auto c = NSXPCConnection::initWithListenerEndpoint(endpoint);
-    c->setRemoteObjectInterface(NSXPCInterface::interfaceWithProtocol(EchoProtocol()));
+    c->setRemoteObjectInterface(EchoInterface());
     c->resume();
     return c;
 }
@@ -58,7 +58,7 @@ protected:
         ASSERT_TRUE(raw_.isConnected());
         ASSERT_TRUE(raw_.registerVirtualObject(QStringLiteral("/com/example/xpc/Echo"), &object_));
         ASSERT_TRUE(raw_.registerService(kRawName));
-        client_->setRemoteObjectInterface(NSXPCInterface::interfaceWithProtocol(EchoProtocol()));
+        client_->setRemoteObjectInterface(EchoInterface());
         client_->resume();
     }
     void TearDown() override {

@@ -60,7 +60,7 @@ protected:
     std::shared_ptr<EchoScene> scene_;
 };
 
-// The objects a client might send, in EchoProtocol's order.
+// The objects a client might send, in the echo protocol's order.
 QVariantList someObjects() {
     QVariantMap nested{{QStringLiteral("long"), qlonglong(1) << 40},
                        {QStringLiteral("double"), 2.5},
