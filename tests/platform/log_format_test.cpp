@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include "platform/foundation/NSError.h"
 #include "platform/log/os_log.h"
 
 using platform::log::formatMessage;
@@ -30,12 +29,7 @@ TEST(LogFormat, NeverReadsBeyondItsArguments) {
     EXPECT_EQ(formatMessage("%q", {}), "%q");
 }
 
-TEST(LogFormat, ErrorsPrintTheirDescription) {
-    NSErrorPtr error = NSError::errorWithDomain("D", 7, {{NSLocalizedDescriptionKey, "gone"}});
-    EXPECT_EQ(formatMessage("error = %@", {error}),
-              "error = Error Domain=D Code=7 \"gone\" UserInfo={NSLocalizedDescription=gone}");
-}
-
+// An error's description through %@: the file store's clean-up tests.
 TEST(Log, DisabledTypesCostNoEvaluationAndTheDisabledHandleWritesNothing) {
     LogCapture capture;
     int evaluated = 0;
