@@ -11,7 +11,7 @@
 
 namespace {
 
-class RecordingController : public NSServiceViewController {
+class RecordingController : public NSViewController {
 public:
     std::vector<std::string> calls;
     bool viewDuringDidLoad = false;
@@ -23,7 +23,6 @@ public:
         setView(NSView::initWithFrame(NSMakeRect(0, 0, 320.5f, 200)));
     }
     void viewDidLoad() override {
-        NSServiceViewController::viewDidLoad();
         calls.push_back("viewDidLoad");
         viewDuringDidLoad = isViewLoaded();
     }
@@ -55,7 +54,7 @@ TEST(NSViewControllerTest, ViewLoadsOnceLoadViewThenViewDidLoad) {
     EXPECT_EQ(capture.records().size(), 1u);
 }
 
-TEST(NSViewControllerTest, ChildrenAndServiceParameters) {
+TEST(NSViewControllerTest, ChildrenMoveBetweenParentsAndNeverMakeACycle) {
     auto parent = std::make_shared<NSViewController>();
     auto child = std::make_shared<NSViewController>();
     auto grandchild = std::make_shared<NSViewController>();
@@ -78,12 +77,6 @@ TEST(NSViewControllerTest, ChildrenAndServiceParameters) {
     other->addChildViewController(grandchild);
     EXPECT_TRUE(child->childViewControllers().empty());
     EXPECT_EQ(grandchild->parentViewController(), other);
-
-    // Parameters keep whatever the host sent, dictionary or not.
-    NSServiceViewController service;
-    service.setHostAppClientParameters(QStringLiteral("not a dictionary"));
-    EXPECT_EQ(service.hostAppClientParameters().typeId(), QMetaType::QString);
-    EXPECT_EQ(service.exportedInterface(), nullptr);
 }
 
 // A storyboard found and instantiated, or unusable: the picker's loadView tests. Here the names
