@@ -11,7 +11,6 @@
 #include "platform/appkit/NSImage.h"
 #include "platform/appkit/NSMenu.h"
 #include "platform/appkit/NSMenuPresenter.h"
-#include "platform/appkit/NSView.h"
 #include "platform/dispatch/dispatch.h"
 #include "platform/log/os_log.h"
 #include "tests/support/TempDir.h"
@@ -217,16 +216,7 @@ TEST_F(MenuTest, QtBackendShowsARealMenuAtTheConvertedPoint) {
     ASSERT_TRUE(runUntil([&] { return qt->shownMenu() == nullptr; }));  // deleted once closed
     EXPECT_TRUE(activity.performed.empty());
 
-    // In a view: the point is in the view's widget. (A scripted click: the Wayland road.)
-    auto view = NSView::initWithFrame(NSMakeRect(0, 0, 200, 100));
-    view->widget()->move(40, 30);
-    view->widget()->show();
-    activity.menu->popUpMenuPositioningItem(activity.menu->itemAtIndex(1), NSMakePoint(5, 6), view);
-    ASSERT_NE(qt->shownMenu(), nullptr);
-    EXPECT_TRUE(hooked.back().inView);
-    EXPECT_EQ(hooked.back().positioningIndex, 1);
-    qt->shownMenu()->hide();
-    ASSERT_TRUE(runUntil([&] { return qt->shownMenu() == nullptr; }));
+    // (A scripted click on the real menu: the Wayland and X11 roads in tests/e2e.)
 
     // Off the main thread nothing is shown, and nothing breaks.
     platform::log::LogCapture capture;
