@@ -14,7 +14,6 @@ namespace {
 class RecordingController : public NSViewController {
 public:
     std::vector<std::string> calls;
-    bool viewDuringDidLoad = false;
 
     void loadView() override {
         calls.push_back("loadView");
@@ -22,10 +21,7 @@ public:
         EXPECT_EQ(view(), nullptr);
         setView(NSView::initWithFrame(NSMakeRect(0, 0, 320.5f, 200)));
     }
-    void viewDidLoad() override {
-        calls.push_back("viewDidLoad");
-        viewDuringDidLoad = isViewLoaded();
-    }
+    void viewDidLoad() override { calls.push_back(isViewLoaded() ? "viewDidLoad" : "too early"); }
 };
 
 class ForgetfulController : public NSViewController {
@@ -44,7 +40,6 @@ TEST(NSViewControllerTest, ViewLoadsOnceLoadViewThenViewDidLoad) {
     EXPECT_EQ(controller->view(), view);
     controller->loadViewIfNeeded();
     EXPECT_EQ(controller->calls, (std::vector<std::string>{"loadView", "viewDidLoad"}));
-    EXPECT_TRUE(controller->viewDuringDidLoad);
 
     // A loadView that sets nothing leaves an empty view and an error line, not a null view.
     platform::log::LogCapture capture;
@@ -57,26 +52,18 @@ TEST(NSViewControllerTest, ViewLoadsOnceLoadViewThenViewDidLoad) {
 TEST(NSViewControllerTest, ChildrenMoveBetweenParentsAndNeverMakeACycle) {
     auto parent = std::make_shared<NSViewController>();
     auto child = std::make_shared<NSViewController>();
-    auto grandchild = std::make_shared<NSViewController>();
     parent->addChildViewController(child);
-    child->addChildViewController(grandchild);
-    EXPECT_EQ(child->parentViewController(), parent);
-    ASSERT_EQ(parent->childViewControllers().size(), 1u);
-
-    {
-        platform::log::LogCapture capture;
-        grandchild->addChildViewController(parent);  // a cycle: refused
-        parent->addChildViewController(parent);
-        parent->addChildViewController(nullptr);
-        EXPECT_EQ(capture.records().size(), 3u);
-    }
+    platform::log::LogCapture capture;
+    child->addChildViewController(parent);  // a cycle: refused
+    child->addChildViewController(child);
+    child->addChildViewController(nullptr);
+    EXPECT_EQ(capture.records().size(), 3u);
     EXPECT_EQ(parent->parentViewController(), nullptr);
 
-    // Adding to another parent moves the child.
     auto other = std::make_shared<NSViewController>();
-    other->addChildViewController(grandchild);
-    EXPECT_TRUE(child->childViewControllers().empty());
-    EXPECT_EQ(grandchild->parentViewController(), other);
+    other->addChildViewController(child);
+    EXPECT_TRUE(parent->childViewControllers().empty());
+    EXPECT_EQ(child->parentViewController(), other);
 }
 
 // A storyboard found and instantiated, or unusable: the picker's loadView tests. Here the names
