@@ -92,7 +92,6 @@ protected:
     }
     void TearDown() override {
         qunsetenv("LUMARO_EXAMPLE_SETUP_MODE");
-        qunsetenv("LUMARO_TEST_CHILD_MODE");
         EXPECT_TRUE(allRequestsGone());
     }
 };
@@ -112,32 +111,33 @@ TEST_F(Runtime, StartFailuresCompleteWithAnError) {
         EXPECT_EQ(outcome->beginError->code(), NSExtensionRequestExecutableMissingError);
     }
 
+    const auto script = [&](const char* name, const QString& body) {
+        const QString file = dir.write(name, 0, ("#!/bin/sh\n" + body).toUtf8());
+        QFile::setPermissions(file, QFileDevice::ReadOwner | QFileDevice::ExeOwner);
+        return file;
+    };
     // A child that dies before it connects.
-    const QString dies = dir.write("dies", 0, "#!/bin/sh\nexit 3\n");
-    QFile::setPermissions(dies, QFileDevice::ReadOwner | QFileDevice::ExeOwner);
-    auto died = begin(extensionFor("com.example.dies", dies, "X"));
+    auto died = begin(extensionFor("com.example.dies", script("dies", "exit 3\n"), "X"));
     ASSERT_TRUE(runMainLoopUntil([&] { return died->begun; }, kWaitMs));
     ASSERT_NE(died->beginError, nullptr);
     EXPECT_EQ(died->beginError->code(), NSExtensionRequestExitedError);
 
     // A child that never connects: the start timeout ends it, and it is reaped.
-    qputenv("LUMARO_TEST_CHILD_MODE", "silent");
-    qputenv("LUMARO_TEST_CHILD_PIDFILE", dir.file("pid").toLocal8Bit());
     NSExtension::_setRequestStartTimeout(300);
-    auto silent = begin(extensionFor(
-        "com.example.silent", buildPath("tests/platform/extension/extension_test_child"), "X"));
+    const QString silentBody = QStringLiteral("echo $$ > '%1'\nexec sleep 600\n");
+    auto silent = begin(
+        extensionFor("com.example.silent", script("silent", silentBody.arg(dir.file("pid"))), "X"));
     ASSERT_TRUE(runMainLoopUntil([&] { return silent->begun; }, kWaitMs));
     ASSERT_NE(silent->beginError, nullptr);
     EXPECT_EQ(silent->beginError->code(), NSExtensionRequestTimeoutError);
     ASSERT_TRUE(allRequestsGone());
     QFile pidFile(dir.file("pid"));
     if (pidFile.open(QIODevice::ReadOnly)) {  // absent when the child was stopped before writing
-        const pid_t pid = pid_t(pidFile.readAll().toLongLong());
+        const pid_t pid = pid_t(pidFile.readAll().trimmed().toLongLong());
         ASSERT_GT(pid, 0);
         EXPECT_TRUE(
             runMainLoopUntil([pid] { return kill(pid, 0) == -1 && errno == ESRCH; }, kWaitMs));
     }
-    qunsetenv("LUMARO_TEST_CHILD_PIDFILE");
     for (const auto& outcome : {missing, notExecutable, died, silent}) {
         EXPECT_EQ(outcome->completions + outcome->cancellations + outcome->interruptions, 0);
     }
@@ -145,7 +145,6 @@ TEST_F(Runtime, StartFailuresCompleteWithAnError) {
 
 TEST_F(Runtime, ChildThatSendsGarbageOrHasNoPrincipalClassNeverReportsItems) {
     // Malformed messages and unreadable items: the request begins, nothing is returned.
-    qputenv("LUMARO_TEST_CHILD_MODE", "garbage");
     auto garbage = begin(extensionFor(
         "com.example.garbage", buildPath("tests/platform/extension/extension_test_child"), "X"));
     ASSERT_TRUE(runMainLoopUntil([&] { return garbage->interruptions == 1; }, kWaitMs));

@@ -1,16 +1,8 @@
-// A child for the runtime's tests, chosen by LUMARO_TEST_CHILD_MODE:
-//   silent   never connects (writes its pid to LUMARO_TEST_CHILD_PIDFILE and sleeps)
-//   garbage  connects without the runtime and sends malformed messages, then a valid check-in
-//            and unreadable items, then exits
-#include <unistd.h>
-
-#include <cstdio>
-
+// A child for the runtime's tests that connects without the runtime and sends malformed
+// messages, then a valid check-in and unreadable items, then exits.
 #include <QCoreApplication>
 #include <QDBusConnection>
 #include <QDBusMessage>
-#include <QFile>
-#include <QThread>
 
 #include "platform/extension/NSExtensionContext.h"
 #include "platform/extension/NSExtensionRequest.h"
@@ -29,7 +21,9 @@ QDBusMessage call(const char* selector, const QVariantList& arguments) {
     return message;
 }
 
-int garbage(int argc, char** argv) {
+}  // namespace
+
+int main(int argc, char** argv) {
     QCoreApplication app(argc, argv);
     QDBusConnection peer = QDBusConnection::connectToPeer(
         qEnvironmentVariable(platform::extension::kEnvRequestEndpoint), QStringLiteral("garbage"));
@@ -60,26 +54,4 @@ int garbage(int argc, char** argv) {
                    wire({QByteArray("not an archive")}, {T::Data})),
               QDBus::Block, 2000);
     return 0;
-}
-
-}  // namespace
-
-int main(int argc, char** argv) {
-    const QString mode = qEnvironmentVariable("LUMARO_TEST_CHILD_MODE");
-    if (mode == QLatin1String("silent")) {
-        QFile pidFile(qEnvironmentVariable("LUMARO_TEST_CHILD_PIDFILE"));
-        if (pidFile.open(QIODevice::WriteOnly)) {
-            pidFile.write(QByteArray::number(qint64(getpid())));
-            pidFile.close();
-        }
-        for (;;) {
-            pause();
-        }
-    }
-    if (mode == QLatin1String("garbage")) {
-        return garbage(argc, argv);
-    }
-    std::fprintf(stderr, "extension_test_child: unknown LUMARO_TEST_CHILD_MODE \"%s\"\n",
-                 qPrintable(mode));
-    return 64;
 }
