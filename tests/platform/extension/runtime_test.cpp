@@ -5,7 +5,7 @@
 
 #include <QFile>
 #include <QFileDevice>
-#include <algorithm>
+#include <QSet>
 
 #include "platform/appkit/NSRemoteViewController.h"
 #include "platform/dispatch/dispatch.h"
@@ -169,11 +169,9 @@ TEST_F(Runtime, TwoRequestsAtOnceAndNoViewForAServiceWithoutOne) {
     auto second = begin(extension);
     ASSERT_TRUE(runMainLoopUntil([&] { return first->begun && second->begun; }, kWaitMs));
     ASSERT_NE(first->uuid, second->uuid);
-    auto running = extension->_runningRequestIdentifiers();
-    std::sort(running.begin(), running.end());
-    std::vector<QUuid> expected{first->uuid, second->uuid};
-    std::sort(expected.begin(), expected.end());
-    EXPECT_EQ(running, expected);
+    const auto running = extension->_runningRequestIdentifiers();
+    EXPECT_EQ(QSet<QUuid>(running.begin(), running.end()),
+              (QSet<QUuid>{first->uuid, second->uuid}));
     EXPECT_NE(extension->_extensionContextForUUID(first->uuid), nullptr);  // the host-side context
     EXPECT_EQ(extension->_extensionContextForUUID(QUuid::createUuid()), nullptr);
 

@@ -125,6 +125,10 @@ struct Outcome {
     NSErrorPtr error;
 
     bool done() const { return replies.load() + errors.load() > 0; }
+    int64_t errorCode() {  // 0 when no error came
+        std::lock_guard lock(mutex);
+        return error ? error->code() : 0;
+    }
 };
 
 // Sends `selector` with `arguments` over `connection` and, when the method has a reply block,

@@ -18,7 +18,6 @@
 using lumaro::test::EchoInterface;
 using lumaro::test::EchoScene;
 using lumaro::test::kMisbehave;
-using lumaro::test::Outcome;
 using lumaro::test::send;
 using lumaro::test::Transport;
 using platform::dispatch::runMainLoopUntil;
@@ -33,11 +32,6 @@ std::shared_ptr<NSXPCConnection> connectTo(const NSXPCListenerEndpoint& endpoint
     c->setRemoteObjectInterface(EchoInterface());
     c->resume();
     return c;
-}
-
-int64_t errorCode(const std::shared_ptr<Outcome>& outcome) {
-    std::lock_guard lock(outcome->mutex);
-    return outcome->error ? outcome->error->code() : 0;
 }
 
 // Answers every call at the echo path with `answer` (on the main thread).
@@ -92,7 +86,7 @@ TEST_F(RawPeerTest, RepliesOfTheWrongShapeReachTheErrorHandlerOnce) {
         auto outcome = send(client_, kMisbehave, {QStringLiteral("any")});
         EXPECT_EQ(outcome->replies.load(), 0);
         ASSERT_EQ(outcome->errors.load(), 1);
-        EXPECT_EQ(errorCode(outcome), NSXPCConnectionReplyInvalid);
+        EXPECT_EQ(outcome->errorCode(), NSXPCConnectionReplyInvalid);
         ASSERT_EQ(capture.records().size(), 1u);
         EXPECT_EQ(capture.records()[0].type, OS_LOG_TYPE_ERROR);
         EXPECT_NE(capture.texts()[0].find("reply to misbehave:reply: does not match its block"),
@@ -111,7 +105,7 @@ TEST_F(RawPeerTest, AnErrorReplyEndsTheCallOnce) {
         ASSERT_TRUE(runMainLoopUntil([&] { return outcome->done(); }, 10000));
         EXPECT_EQ(outcome->replies.load(), 0);
         EXPECT_EQ(outcome->errors.load(), 1);
-        EXPECT_EQ(errorCode(outcome), NSXPCConnectionInvalid);
+        EXPECT_EQ(outcome->errorCode(), NSXPCConnectionInvalid);
     }
 }
 
@@ -126,7 +120,7 @@ TEST(PeerTest, AListenerThatGoesAwayEndsPendingAndLaterCallsOnce) {
     ASSERT_TRUE(runMainLoopUntil([&] { return pending->done(); }, 10000));
     EXPECT_EQ(pending->replies.load(), 0);
     EXPECT_EQ(pending->errors.load(), 1);
-    EXPECT_EQ(errorCode(pending), NSXPCConnectionInterrupted);
+    EXPECT_EQ(pending->errorCode(), NSXPCConnectionInterrupted);
     scene->serverObject->dropHeld();  // answers into a closed link: nobody hears it
 
     LogCapture capture;
@@ -153,7 +147,7 @@ TEST(PeerTest, RefusedOrUnreachableEndpointsFailEachCallOnce) {
                             kMisbehave, {QStringLiteral("x")});
         EXPECT_EQ(outcome->replies.load(), 0);
         EXPECT_EQ(outcome->errors.load(), 1);
-        EXPECT_EQ(errorCode(outcome), NSXPCConnectionInvalid);
+        EXPECT_EQ(outcome->errorCode(), NSXPCConnectionInvalid);
         const auto texts = capture.texts();
         EXPECT_TRUE(std::any_of(texts.begin(), texts.end(), [](const std::string& text) {
             return text.rfind("NSXPCConnection: cannot connect to", 0) == 0;
