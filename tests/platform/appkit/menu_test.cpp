@@ -208,9 +208,7 @@ TEST_F(MenuTest, QtBackendShowsARealMenuAtTheConvertedPoint) {
     EXPECT_FALSE(actions[2]->icon().isNull());
     shown->hide();
     ASSERT_TRUE(runUntil([&] { return qt->shownMenu() == nullptr; }));  // deleted once closed
-    EXPECT_TRUE(activity.performed.empty());
-
-    // (A scripted click on the real menu: the Wayland and X11 roads in tests/e2e.)
+    EXPECT_TRUE(activity.performed.empty());  // (a scripted click: the Wayland and X11 roads)
 
     // Off the main thread nothing is shown, and nothing breaks.
     platform::log::LogCapture capture;

@@ -79,9 +79,6 @@ TEST(ExtensionContext, ClassesByName) {
     ASSERT_NE(NSExtensionLookupContextClass("NSExtensionContext"), nullptr);
     EXPECT_EQ(NSExtensionLookupContextClass("NoSuchContext"), nullptr);
 
-    NSExtensionRegisterContextClass("NoAlloc", {});
-    EXPECT_EQ(NSExtensionLookupContextClass("NoAlloc"), nullptr);
-
     NSExtensionRegisterContextClass(
         "RecordingContext", {[] { return std::make_shared<RecordingContext>(); }, nullptr,
                              [] {

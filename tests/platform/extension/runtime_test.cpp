@@ -34,11 +34,6 @@ NSExtensionPtr extensionFor(const QString& identifier, const QString& executable
         identifier, attributes, QVariantMap{{NSExtensionKey, attributes}}, plugIn, nullptr);
 }
 
-NSExtensionPtr setupUI(const QString& identifier = QStringLiteral("com.example.test.setupui")) {
-    return extensionFor(identifier, buildPath("programs/example-setup-ui/example-setup-ui"),
-                        QStringLiteral("ExampleSetupViewController"));
-}
-
 // What a request reported.
 struct Outcome {
     bool begun = false;
@@ -164,7 +159,9 @@ TEST_F(Runtime, ChildThatSendsGarbageOrHasNoPrincipalClassNeverReportsItems) {
 // Two requests that wait for their user, ended by the host: the children are stopped and no
 // block runs.
 TEST_F(Runtime, TwoRequestsAtOnceAndNoViewForAServiceWithoutOne) {
-    auto extension = setupUI("com.example.twice.setupui");
+    auto extension = extensionFor("com.example.twice.setupui",
+                                  buildPath("programs/example-setup-ui/example-setup-ui"),
+                                  QStringLiteral("ExampleSetupViewController"));
     auto first = begin(extension);
     auto second = begin(extension);
     ASSERT_TRUE(runMainLoopUntil([&] { return first->begun && second->begun; }, kWaitMs));
