@@ -24,7 +24,7 @@ TEST(Dispatch, AsyncNeverRunsInlineAndMainQueueRunsOnMainThreadInOrder) {
     EXPECT_EQ(order, (std::vector<int>{1, 2, 3}));
 }
 
-// The global queues' labels, and their blocks off the main thread: the file store's tests.
+// (The global queues' labels: the file store's tests.)
 TEST(Dispatch, GlobalQueueGrowsWhenABlockWaitsForAnotherOfTheSameQueue) {
     std::atomic<bool> second{false};
     std::atomic<bool> first{false};

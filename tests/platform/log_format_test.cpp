@@ -29,8 +29,8 @@ TEST(LogFormat, NeverReadsBeyondItsArguments) {
     EXPECT_EQ(formatMessage("%q", {}), "%q");
 }
 
-// An error's description through %@: the file store's clean-up tests.
-// Types that are not enabled gate messages the same way: the logging tests.
+// (An error's description through %@: the file store's clean-up tests; the enabled types'
+// gate: the logging tests.)
 TEST(Log, TheDisabledHandleNeitherEvaluatesNorWrites) {
     LogCapture capture;
     int evaluated = 0;

@@ -10,8 +10,6 @@ namespace {
 const NSXPCProtocolDescription kHostProtocol{
     "TestHostProtocol", "org.test.Host", "/org/test/Host", {}};
 
-class RecordingContext : public NSExtensionContext {};
-
 NSExtensionItemPtr titled(const QString& title) {
     auto item = std::make_shared<NSExtensionItem>();
     item->setAttributedTitle(title);
@@ -21,9 +19,9 @@ NSExtensionItemPtr titled(const QString& title) {
 }  // namespace
 
 TEST(ExtensionContext, InitialisesOnlyInsideASharedPointerAndDropsNullItems) {
-    RecordingContext onStack;
+    NSExtensionContext onStack;
     EXPECT_EQ(onStack.initWithInputItems({}, nullptr, QUuid::createUuid()), nullptr);
-    auto context = std::make_shared<RecordingContext>();
+    auto context = std::make_shared<NSExtensionContext>();
     ASSERT_EQ(context->initWithInputItems({titled("a"), nullptr, titled("b")}, nullptr,
                                           QUuid::createUuid()),
               context);
@@ -80,7 +78,7 @@ TEST(ExtensionContext, ClassesByName) {
     EXPECT_EQ(NSExtensionLookupContextClass("NoSuchContext"), nullptr);
 
     NSExtensionRegisterContextClass(
-        "RecordingContext", {[] { return std::make_shared<RecordingContext>(); }, nullptr,
+        "RecordingContext", {[] { return std::make_shared<NSExtensionContext>(); }, nullptr,
                              [] {
                                  return NSXPCInterface::interfaceWithProtocol(kHostProtocol);
                              }});
@@ -90,7 +88,7 @@ TEST(ExtensionContext, ClassesByName) {
     EXPECT_TRUE(cls->_extensionAuxiliaryHostProtocol);
     // Registering again replaces the class in place.
     NSExtensionRegisterContextClass("RecordingContext", {[] {
-                                        return std::make_shared<RecordingContext>();
+                                        return std::make_shared<NSExtensionContext>();
                                     }});
     EXPECT_EQ(NSExtensionLookupContextClass("RecordingContext"), cls);
     EXPECT_FALSE(cls->_extensionAuxiliaryHostProtocol);
