@@ -49,59 +49,10 @@ LMStreamingActivityArray makeActivities(
     return activities;
 }
 
-void RecordingController::record(QStringList call) {
-    {
-        std::lock_guard lock(mutex_);
-        calls_.push_back(std::move(call));
-    }
-    callCount++;
-}
-
-void RecordingController::setupSingleExtensionViewWithHostBundleID(
-    const QString& hostBundleID, const QString& preferredExtension,
-    const std::shared_ptr<NSImage>& iconImage, const QString& appName,
-    const LMStreamingActivityArray& activities) {
-    if (!intercept_) {
-        LMBroadcastActivityExtensionNSViewController::setupSingleExtensionViewWithHostBundleID(
-            hostBundleID, preferredExtension, iconImage, appName, activities);
-        return;
-    }
-    record({"single", hostBundleID, preferredExtension, appName, QString::number(activities.size()),
-            iconImage ? "icon" : "no icon"});
-}
-
-void RecordingController::setupActivityViewController(const QString& appName,
-                                                      const QString& hostBundleID,
-                                                      const std::shared_ptr<NSImage>& iconImage,
-                                                      const LMStreamingActivityArray& activities) {
-    if (!intercept_) {
-        LMBroadcastActivityExtensionNSViewController::setupActivityViewController(
-            appName, hostBundleID, iconImage, activities);
-        return;
-    }
-    record({"menu", appName, hostBundleID, QString::number(activities.size())});
-}
-
-void RecordingController::showNotInstalledAlertWithAppName(const QString& appName,
-                                                           const QString& title,
-                                                           const QString& message) {
-    if (!intercept_) {
-        LMBroadcastActivityExtensionNSViewController::showNotInstalledAlertWithAppName(
-            appName, title, message);
-        return;
-    }
-    record({"notInstalled", appName, title, message});
-}
-
 void RecordingController::performActionWithStreamingActivity(
     const std::shared_ptr<LMStreamingActivity>& activity) {
     std::lock_guard lock(mutex_);
     performed_.push_back(activity.get());
-}
-
-std::vector<QStringList> RecordingController::calls() const {
-    std::lock_guard lock(mutex_);
-    return calls_;
 }
 
 std::vector<LMStreamingActivity*> RecordingController::performed() const {

@@ -1,12 +1,11 @@
 // Shared pieces of the picker tests: requests (a shared context with input items), extensions
-// made without a registry, a controller that records what it chose and performed, and an
+// made without a registry, a controller that records what it performed, and an
 // automation presenter whose menus are watched through the record hook.
 #pragma once
 
 #include <QString>
 #include <QStringList>
 #include <QVariantMap>
-#include <atomic>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -33,34 +32,15 @@ LMStreamingActivityArray makeActivities(
     const QStringList& identifiers,
     const std::shared_ptr<LMStreamingActivityDelegate>& delegate = nullptr);
 
-// Records the activities performed instead of performing them; with `interceptPresentations`,
-// records the presentation chosen ("single", "menu", "notInstalled" and its string arguments)
-// instead of presenting.
+// Records the activities performed instead of performing them.
 class RecordingController : public LMBroadcastActivityExtensionNSViewController {
 public:
-    explicit RecordingController(bool interceptPresentations = true)
-        : intercept_(interceptPresentations) {}
-    void setupSingleExtensionViewWithHostBundleID(
-        const QString& hostBundleID, const QString& preferredExtension,
-        const std::shared_ptr<NSImage>& iconImage, const QString& appName,
-        const LMStreamingActivityArray& activities) override;
-    void setupActivityViewController(const QString& appName, const QString& hostBundleID,
-                                     const std::shared_ptr<NSImage>& iconImage,
-                                     const LMStreamingActivityArray& activities) override;
-    void showNotInstalledAlertWithAppName(const QString& appName, const QString& title,
-                                          const QString& message) override;
     void performActionWithStreamingActivity(
         const std::shared_ptr<LMStreamingActivity>& activity) override;
-
-    std::vector<QStringList> calls() const;  // method name first, then the arguments
     std::vector<LMStreamingActivity*> performed() const;
-    std::atomic<int> callCount{0};
 
 private:
-    void record(QStringList call);
-    const bool intercept_;
     mutable std::mutex mutex_;
-    std::vector<QStringList> calls_;
     std::vector<LMStreamingActivity*> performed_;
 };
 

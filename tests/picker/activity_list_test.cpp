@@ -1,6 +1,6 @@
 // The three loaders and the choice of presentation: host information once per host-info item
-// (entries as found, unusable items skipped), installed setup UIs as activities delegated to a
-// live controller only, the setup result's counter rule, and viewDidLoad's choice.
+// (entries as found, unusable items skipped), installed setup UIs never delegated to a released
+// controller, the setup result's counter rule, and viewDidLoad's choice.
 #include <gtest/gtest.h>
 
 #include <QBuffer>
@@ -76,29 +76,6 @@ TEST(ActivityListTest, HostInformationArrivesOncePerHostInfoItemWithEntriesAsFou
     EXPECT_EQ(errorCount(capture), 0u);
 }
 
-TEST(ActivityListTest, SetupUIsBecomeActivitiesInRegistryOrderDelegatedToTheController) {
-    TempDir dir;
-    writeManifest(dir, "b.json", manifest("com.test.b", {}, kLMBroadcastSetupUIExtensionPoint, 6));
-    writeManifest(dir, "a.json", manifest("com.test.a", {}, kLMBroadcastSetupUIExtensionPoint, 1));
-    writeManifest(dir, "c.json", manifest("com.test.c", {}, "com.test.elsewhere", 1));
-    ScopedSearchPath path({dir.path()});
-    auto controller = std::make_shared<LMBroadcastActivityExtensionNSViewController>();
-    platform::log::LogCapture capture;
-    LMStreamingActivityArray received;
-    std::atomic<bool> done{false};
-    controller->loadStreamingActivitiesWithHandler([&](const LMStreamingActivityArray& activities) {
-        received = activities;
-        done = true;
-    });
-    ASSERT_TRUE(platform::dispatch::runMainLoopUntil([&] { return done.load(); }, 20000));
-    ASSERT_EQ(received.size(), 2u);
-    EXPECT_EQ(received[0]->activityType(), "com.test.a");
-    EXPECT_EQ(received[1]->activityType(), "com.test.b");
-    EXPECT_EQ(received[0]->delegate(), controller);
-    EXPECT_EQ(capture.texts().front(), "Loading streaming activities");
-    EXPECT_EQ(capture.texts().back(), "Returning streaming activity count = 2");
-}
-
 TEST(ActivityListTest, AControllerReleasedBeforeTheActivitiesArriveIsNotRevived) {
     // Enough manifests that reading them takes far longer than releasing the controller.
     TempDir dir;
@@ -107,6 +84,7 @@ TEST(ActivityListTest, AControllerReleasedBeforeTheActivitiesArriveIsNotRevived)
         writeManifest(dir, id + ".json", manifest(id, {}, kLMBroadcastSetupUIExtensionPoint, 1));
     }
     ScopedSearchPath path({dir.path()});
+    platform::log::LogCapture capture;
     auto received = std::make_shared<LMStreamingActivityArray>();
     auto done = std::make_shared<std::atomic<bool>>(false);
     std::weak_ptr<LMBroadcastActivityExtensionNSViewController> watch;
@@ -124,6 +102,8 @@ TEST(ActivityListTest, AControllerReleasedBeforeTheActivitiesArriveIsNotRevived)
     ASSERT_EQ(received->size(), 300u);
     EXPECT_FALSE(received->front()->delegate());
     EXPECT_TRUE(watch.expired());
+    EXPECT_EQ(capture.texts().front(), "Loading streaming activities");
+    EXPECT_EQ(capture.texts().back(), "Returning streaming activity count = 300");
 }
 
 // Loads `items` and waits until every load is over (each load holds its item until it has
@@ -175,47 +155,37 @@ TEST(SetupResultTest, SlotsAreFilledByTitleAsFoundAndMissingOnesKeepTheirStartin
 
 TEST(SetupResultTest, AnItemThatIsNotDataOrHasNoAttachmentMeansNoHandlerEver) {
     EXPECT_TRUE(loadSetupResult({titledItem(LMBroadcastExtensionKeyExtensionBundleIdentifier, "a"),
-                                 titledItem(kLMBroadcastExtensionKeyExtensionServiceURL, "u"),
-                                 opaqueItem(LMBroadcastExtensionKeyExtensionUserInfo)})
-                    .empty());
-    EXPECT_TRUE(loadSetupResult({titledItem(LMBroadcastExtensionKeyExtensionBundleIdentifier, "a"),
                                  std::make_shared<NSExtensionItem>(), nullptr})
                     .empty());
     EXPECT_TRUE(loadSetupResult({}).empty());
 }
 
-// viewDidLoad's choice once the host information and the activities are in.
-class ChoiceTest : public ::testing::Test {
-protected:
-    std::shared_ptr<RecordingController> loaded(const QVariantMap& hostInfo) {
-        makeRequest({requestItem({}), hostInfoItem(hostInfo)});
-        auto controller = std::make_shared<RecordingController>();
-        controller->loadViewIfNeeded();
-        EXPECT_TRUE(platform::dispatch::runMainLoopUntil(
-            [&] { return controller->callCount.load() > 0; }, 20000));
-        return controller;
-    }
-    TempDir dir_;
-    ScopedSearchPath path_{{dir_.path()}};
-};
-
-// The menu and the not-installed menu are the end-to-end road's; here the order of the checks.
-TEST_F(ChoiceTest, APreferredExtensionTakesTheSinglePathEvenWithNothingInstalled) {
+// viewDidLoad's choice, in the order of its checks: the menus are the end-to-end roads'.
+TEST(ChoiceTest, APreferredExtensionGoesFirstAndNoHostInformationChoosesNothing) {
+    TempDir empty;
+    ScopedSearchPath path({empty.path()});
     QVariantMap preferring = fullHostInfo();
     preferring.insert(LMBroadcastExtensionKeyExtensionHostInfoPreferredExtension, "com.test.x");
-    auto controller = loaded(preferring);
-    EXPECT_EQ(controller->calls(),
-              (std::vector<QStringList>{
-                  {"single", "com.test.notes", "com.test.x", "Notes", "0", "icon"}}));
-    EXPECT_EQ(controller->hostBundleID(), "com.test.notes");
-}
-TEST_F(ChoiceTest, NoHostInformationMeansNoChoiceAndNoBundleIdentifier) {
-    makeRequest({requestItem({})});
-    auto controller = std::make_shared<RecordingController>();
+    makeRequest({requestItem({}), hostInfoItem(preferring)});
+    MenuRecorder menus;
+    platform::log::LogCapture capture;
+    auto controller = std::make_shared<LMBroadcastActivityExtensionNSViewController>();
     controller->loadViewIfNeeded();
+    const std::string notFound =
+        "-[LMBroadcastActivityExtensionNSViewController setupSingleExtensionViewWithHostBundleID:"
+        "preferredExtension:iconImage:appName:activities:] did not find extension";
+    EXPECT_TRUE(
+        platform::dispatch::runMainLoopUntil([&] { return capture.count(notFound) > 0; }, 20000));
+    EXPECT_EQ(controller->hostBundleID(), "com.test.notes");
+
+    // Without host information nothing is chosen.
+    makeRequest({requestItem({})});
+    auto bare = std::make_shared<LMBroadcastActivityExtensionNSViewController>();
+    bare->loadViewIfNeeded();
     flushMainQueue();
-    EXPECT_EQ(controller->callCount.load(), 0);
-    EXPECT_TRUE(controller->hostBundleID().isNull());
+    EXPECT_TRUE(bare->hostBundleID().isNull());
+    EXPECT_EQ(capture.count(notFound), 1u);
+    EXPECT_TRUE(menus.records().empty());
 }
 
 }  // namespace
