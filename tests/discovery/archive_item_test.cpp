@@ -1,13 +1,13 @@
-// The keyed archive, item providers, and titled items with their plain-value form.
+// The keyed archive's values and errors (that any bytes decode or fail cleanly is the fuzz target's
+// part), and item providers. Titled items travel in the runtime's tests (RuntimeItems).
 #include <gtest/gtest.h>
 
-#include <QDateTime>
 #include <QSize>
 #include <QUrl>
 #include <future>
 
-#include "discovery/LMExtensions.h"
 #include "platform/dispatch/dispatch.h"
+#include "platform/extension/NSItemProvider.h"
 #include "platform/extension/UTType.h"
 #include "platform/foundation/NSKeyedArchiver.h"
 
@@ -50,30 +50,23 @@ TEST(KeyedArchive, RoundTripKeepsEveryValueAndType) {
 
 TEST(KeyedArchive, CorruptOrForeignDataIsAnErrorNotACrash) {
     const QByteArray good = NSKeyedArchiver::archivedDataWithRootObject(sampleTree());
-    QByteArray flipped = good;
-    flipped[flipped.size() / 2] = static_cast<char>(0xff);
     const QList<QByteArray> corrupt{
         {},
-        "not an archive at all",
         good.left(good.size() - 3),       // truncated
         good + QByteArray("\x01", 1),     // trailing byte
         QByteArray::fromHex("a1616101"),  // a plain CBOR map, no signature
         QByteArray::fromHex("d9d9f7a2686172636869766572"
                             "6f4e534b657965644172636869766572"
                             "64726f6f74a10101"),  // an integer dictionary key
-        QByteArray(100000, '\x9f'),               // deeply nested indefinite arrays
-        flipped,
+        QByteArray(100000, '\x9f'),               // deeper than any input the fuzzer tries
     };
     for (const QByteArray& data : corrupt) {
+        SCOPED_TRACE(data.toHex().left(40).toStdString());
         NSErrorPtr error;
-        const QVariant value = NSKeyedUnarchiver::unarchiveObjectWithData(data, &error);
-        EXPECT_FALSE(value.isValid()) << data.toHex().left(40).toStdString();
-        if (error) {
-            EXPECT_EQ(error->domain(), NSPlatformErrorDomain);
-            EXPECT_EQ(error->code(), NSCoderReadCorruptError);
-        } else if (data != flipped) {  // a flipped byte can still leave a valid archive
-            ADD_FAILURE() << "no error for " << data.toHex().left(40).toStdString();
-        }
+        EXPECT_FALSE(NSKeyedUnarchiver::unarchiveObjectWithData(data, &error).isValid());
+        ASSERT_TRUE(error);
+        EXPECT_EQ(error->domain(), NSPlatformErrorDomain);
+        EXPECT_EQ(error->code(), NSCoderReadCorruptError);
     }
 }
 
@@ -123,25 +116,6 @@ TEST(ItemProvider, LoadsConformingTypesOnAGlobalQueueAndRefusesOthers) {
     EXPECT_EQ(refused.error->domain(), NSItemProviderErrorDomain);
     EXPECT_FALSE(refused.item.isValid());
     provider->loadItemForTypeIdentifier(kUTTypeData, {}, nullptr);  // an empty handler is fine
-}
-
-// The trip of items through the archive is the runtime's (RuntimeItems in the platform's tests).
-TEST(TitledItem, CarriesTitleAndOneDataProviderAndMalformedPlainValuesAreRefused) {
-    const NSExtensionItemPtr item = LMExtensions::itemWithTitle(
-        "LMBroadcastExtensionKeyExtensionHostInfo", QVariantMap{{"k", QByteArray("\x00v", 2)}});
-    EXPECT_EQ(item->attributedTitle(), "LMBroadcastExtensionKeyExtensionHostInfo");
-    ASSERT_EQ(item->attachments().size(), 1u);
-    EXPECT_EQ(item->attachments()[0]->typeIdentifier(), kUTTypeData);
-    EXPECT_EQ(load(*item->attachments()[0], kUTTypeData).item.toMap().value("k").toByteArray(),
-              QByteArray("\x00v", 2));
-    for (const QVariantMap& bad :
-         {QVariantMap{{"attributedTitle", 5}}, QVariantMap{{"attachments", "x"}},
-          QVariantMap{{"attachments", QVariantList{QVariantMap{{"item", 1}}}}},
-          QVariantMap{{"userInfo", QVariantList{}}}}) {
-        QString reason;
-        EXPECT_FALSE(NSExtensionItem::fromPlainValue(bad, &reason));
-        EXPECT_FALSE(reason.isEmpty());
-    }
 }
 
 }  // namespace

@@ -20,9 +20,10 @@ QStringList identifiers(const NSExtensionRegistry::Scan& scan) {
     return identifiersOf(scan.extensions);
 }
 
-TEST(Registry, BadManifestsAreSkippedWithOneErrorLineEachAndTheRestStays) {
+TEST(Registry, BadAndDuplicateManifestsAreSkippedWithOneErrorLineEachAndTheRestStays) {
     TempDir dir;
     writeManifest(dir, "good.json", manifest("com.test.good"));
+    writeManifest(dir, "twin.json", manifest("com.test.good", {}, kTestPoint, 1, "Twin"));
     dir.write("broken.json", 0, "{\"identifier\": ");
     QJsonObject stringForDictionary = manifest("com.test.wrongtype");
     stringForDictionary.insert("NSExtension", "com.test.point");
@@ -40,8 +41,9 @@ TEST(Registry, BadManifestsAreSkippedWithOneErrorLineEachAndTheRestStays) {
     platform::log::LogCapture capture;
     const NSExtensionRegistry::Scan scan = registry.scan({dir.path()});
     EXPECT_EQ(identifiers(scan), QStringList{"com.test.good"});
+    EXPECT_EQ(scan.extensions[0]->infoDictionary().value("CFBundleDisplayName"), "Service");
     EXPECT_FALSE(scan.error);
-    ASSERT_EQ(scan.problems.size(), 7) << scan.problems.join("\n").toStdString();
+    ASSERT_EQ(scan.problems.size(), 8) << scan.problems.join("\n").toStdString();
     const QString all = scan.problems.join("\n");
     EXPECT_TRUE(all.contains(dir.file("broken.json") + ": not valid JSON"));
     EXPECT_TRUE(
@@ -51,8 +53,8 @@ TEST(Registry, BadManifestsAreSkippedWithOneErrorLineEachAndTheRestStays) {
     EXPECT_TRUE(all.contains(dir.file("huge.json") + ": too large"));
     EXPECT_TRUE(all.contains(dir.file("folder.json") + ": cannot read: it is a folder"));
     EXPECT_TRUE(all.contains(dir.file("pipe.json") + ": cannot read: it is a named pipe"));
-
-    EXPECT_EQ(errorCount(capture), 7u);
+    EXPECT_TRUE(all.contains(dir.file("twin.json") + ": duplicate identifier com.test.good"));
+    EXPECT_EQ(errorCount(capture), 8u);
 
     // Unchanged files are not read or reported again; a cold registry reports them again.
     capture.clear();
@@ -60,19 +62,7 @@ TEST(Registry, BadManifestsAreSkippedWithOneErrorLineEachAndTheRestStays) {
     EXPECT_TRUE(capture.records().empty());
     registry.dropCaches();
     registry.scan({dir.path()});
-    EXPECT_EQ(capture.records().size(), 7u);
-}
-
-TEST(Registry, DuplicateIdentifierInOneFolderKeepsTheFirstFileAndReportsTheSecond) {
-    TempDir dir;
-    writeManifest(dir, "a.json", manifest("com.test.same", {}, kTestPoint, 1, "First"));
-    writeManifest(dir, "b.json", manifest("com.test.same", {}, kTestPoint, 1, "Second"));
-    NSExtensionRegistry registry;
-    const auto scan = registry.scan({dir.path()});
-    ASSERT_EQ(scan.extensions.size(), 1u);
-    EXPECT_EQ(scan.extensions[0]->infoDictionary().value("CFBundleDisplayName"), "First");
-    ASSERT_EQ(scan.problems.size(), 1);
-    EXPECT_TRUE(scan.problems[0].contains("duplicate identifier com.test.same"));
+    EXPECT_EQ(capture.records().size(), 8u);
 }
 
 TEST(Registry, UserManifestOverridesSystemOneThroughTheXdgSearchPath) {
@@ -114,29 +104,6 @@ TEST(Registry, FallbackIsUsedOnlyWhenNoSearchFolderExists) {
         EXPECT_EQ(NSExtensionRegistry::searchPaths(), (QStringList{"/a", "/b"}));
     }
     NSExtensionRegistry::setFallbackSearchPaths(oldFallback);
-}
-
-TEST(Manifest, RecordCarriesWhatTheManifestDeclares) {
-    TempDir dir;
-    QJsonObject object = manifest("com.test.full", QJsonObject{{"X", true}}, kTestPoint, 6, "Full");
-    QJsonObject attributes = object.value("NSExtension").toObject();
-    attributes.insert("NSExtensionContainingViewControllerClass", "SetupViewController");
-    object.insert("NSExtension", attributes);
-    object.insert("containingApplication", "/opt/apps/full");
-    const QString path = writeManifest(dir, "full.json", object);
-    NSExtensionRegistry registry;
-    const auto scan = registry.scan({dir.path()});
-    ASSERT_EQ(scan.extensions.size(), 1u);
-    const NSExtension& extension = *scan.extensions[0];
-    EXPECT_EQ(extension.extensionPointIdentifier(), kTestPoint);
-    EXPECT_EQ(extension.attributes().value("NSExtensionContainingViewControllerClass"),
-              "SetupViewController");
-    EXPECT_EQ(extension.infoDictionary().value("NSExtension").toMap(), extension.attributes());
-    EXPECT_EQ(extension.infoDictionary().value("CFBundleIdentifier"), "com.test.full");
-    EXPECT_EQ(extension._plugIn()->platform(), 6);
-    EXPECT_EQ(extension._plugIn()->containingUrl().toLocalFile(), "/opt/apps/full");
-    EXPECT_EQ(extension._plugIn()->executableUrl().toLocalFile(), dir.file("bin/setup-ui"));
-    EXPECT_EQ(extension._extensionBundle()->bundlePath(), path);
 }
 
 TEST(Manifest, SchemaValidationReportsEveryProblemWithItsPointer) {
