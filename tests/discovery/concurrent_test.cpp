@@ -3,13 +3,12 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <memory>
-#include <mutex>
 #include <thread>
 #include <vector>
 
 #include "discovery/LMExtensions.h"
+#include "platform/dispatch/dispatch.h"
 #include "platform/extension/UTType.h"
 #include "tests/support/Manifests.h"
 
@@ -17,28 +16,23 @@ using namespace lumaro::test;
 
 namespace {
 
-// Counts completions and lets the test wait for an expected total.
+// Counts the completions of each slot, and in all, for the test to wait on.
 class Tally {
 public:
     explicit Tally(size_t count) : counts_(count) {}  // ("slots" is a Qt macro)
     void complete(size_t slot) {
-        counts_[slot].fetch_add(1);
-        std::lock_guard lock(mutex_);
-        ++total_;
-        changed_.notify_all();
+        counts_[slot]++;
+        total_++;
     }
-    bool waitForTotal(size_t expected) {
-        std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, std::chrono::seconds(120),
-                                 [&] { return total_ >= expected; });
+    bool waitForTotal(size_t expected) const {
+        return platform::dispatch::runMainLoopUntil([&] { return total_.load() >= expected; },
+                                                    120000);
     }
     int count(size_t slot) const { return counts_[slot].load(); }
 
 private:
     std::vector<std::atomic<int>> counts_;
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    size_t total_ = 0;
+    std::atomic<size_t> total_{0};
 };
 
 TEST(ConcurrentLoads, EveryLoadOfSharedProvidersCompletesExactlyOnce) {

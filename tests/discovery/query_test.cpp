@@ -94,29 +94,6 @@ TEST_F(QueryTest, BaseIdentifierActivationRuleAndUnwantedRuleMustAllHold) {
     }
 }
 
-TEST_F(QueryTest, ShortFormsPassTheirArgumentsToTheFullForm) {
-    using namespace LMExtensions;
-    using Start = std::function<void(ExtensionsCompletion)>;
-    const std::pair<Start, QStringList> forms[] = {
-        {[](auto c) {
-             extensionsWithMatchingPointNameBaseIdentifierCompletion(kTestPoint, "com.test.a", c);
-         },
-         {"com.test.alpha.sub"}},
-        {[](auto c) { extensionsWithMatchingPointNameActivationRule(kTestPoint, "X", c); },
-         {"com.test.Alpha", "com.test.gamma", "com.test.zeta"}},
-        {[](auto c) { extensionsWithMatchingPointNameUnwantedActivationRule(kTestPoint, "X", c); },
-         {"com.test.alpha.sub", "com.test.beta", "com.test.delta", "com.test.eps"}},
-        {[](auto c) {
-             extensionsWithMatchingPointNameBaseIdentifierUnwantedActivationRule(
-                 kTestPoint, "com.test.g", "Y", c);
-         },
-         {}},
-    };
-    for (const auto& [start, expected] : forms) {
-        EXPECT_EQ(waitFor(start).identifiers(), expected);
-    }
-}
-
 TEST(QueryErrors, SearchFailureComesWithTheExtensionsFoundElsewhere) {
     TempDir good;
     writeManifest(good, "a.json", manifest("com.test.found"));
