@@ -1,7 +1,7 @@
-// The presentations: the application-info archive, the single-extension path performing every
-// match, bad title formats, and a menu of thousands of activities as the automation presenter
-// records it (anchor through single precision, main queue). The menus' texts and the choice
-// across processes are the end-to-end roads'.
+// The presentations: the application-info archive's icon and missing name, the single-extension
+// path performing every match, bad title formats, and a menu of thousands of activities as the
+// automation presenter records it (anchor through single precision, main queue). The menus' texts
+// and the choice across processes are the end-to-end roads'.
 #include <gtest/gtest.h>
 
 #include <QImage>
@@ -41,31 +41,23 @@ protected:
     std::shared_ptr<RecordingController> controller_ = std::make_shared<RecordingController>();
 };
 
-TEST_F(PresentationTest, HostDataArchiveHoldsNameBundleAndTIFFIconAndIsReplacedEachTime) {
+// The name and the bundle reach the setup UI in the end-to-end roads; here the icon's format, and
+// a missing name.
+TEST_F(PresentationTest, HostDataArchiveHoldsATIFFIconAndAMissingNameEmpty) {
     QImage red(8, 8, QImage::Format_ARGB32);
     red.fill(Qt::red);
     controller_->archiveHostData("Notes", "com.test.notes", std::make_shared<NSImage>(red));
-    const NSExtensionItemPtr item = controller_->applicationInfoExtensionItem();
-    ASSERT_TRUE(item);
-    ASSERT_EQ(item->attachments().size(), 1u);
-    const QVariantMap hostInfo = unarchivedAttachment(item);
-    EXPECT_EQ(hostInfo.size(), 3);
-    EXPECT_EQ(hostInfo.value(LMBroadcastExtensionKeyExtensionHostInfoAppName), "Notes");
-    EXPECT_EQ(hostInfo.value(LMBroadcastExtensionKeyExtensionHostInfoBundleID), "com.test.notes");
-    const QByteArray tiff =
-        hostInfo.value(LMBroadcastExtensionKeyExtensionHostInfoAppIcon).toByteArray();
+    const QByteArray tiff = unarchivedAttachment(controller_->applicationInfoExtensionItem())
+                                .value(LMBroadcastExtensionKeyExtensionHostInfoAppIcon)
+                                .toByteArray();
     EXPECT_TRUE(tiff.startsWith("II*") || tiff.startsWith("MM"));
-    const auto icon = NSImage::initWithData(tiff);
-    ASSERT_TRUE(icon);
-    EXPECT_EQ(QColor(icon->imageRepresentation().pixel(4, 4)), QColor(Qt::red));
 
     platform::log::LogCapture capture;
     controller_->archiveHostData(QString(), "com.test.other", nullptr);
-    EXPECT_NE(controller_->applicationInfoExtensionItem(), item);
     EXPECT_EQ(unarchivedAttachment(controller_->applicationInfoExtensionItem()),
               (QVariantMap{{LMBroadcastExtensionKeyExtensionHostInfoAppName, ""},
                            {LMBroadcastExtensionKeyExtensionHostInfoBundleID, "com.test.other"}}));
-    EXPECT_EQ(errorCount(capture), 0u);  // a missing name is archived empty, silently
+    EXPECT_EQ(errorCount(capture), 0u);
 }
 
 TEST_F(PresentationTest, SingleExtensionPerformsEveryMatchInOrderAndShowsNoMenu) {
