@@ -6,12 +6,12 @@
 #include <QBuffer>
 #include <QDir>
 #include <QJsonDocument>
+#include <QJsonObject>
 
 #include "picker/LMStreamingActivity.h"
 #include "platform/appkit/NSWorkspace.h"
-#include "platform/extension/NSExtensionRegistry.h"
 #include "platform/log/os_log.h"
-#include "tests/support/Manifests.h"
+#include "tests/support/TempDir.h"
 #include "tests/support/TestMain.h"
 
 using namespace lumaro::test;
@@ -31,10 +31,12 @@ public:
 
 class StreamingActivityTest : public ::testing::Test {
 protected:
-    // An extension whose containing application folder holds `iconBytes` as icon.png (none when
-    // empty), optionally with an Info.json naming another icon file.
-    NSExtensionPtr extension(const QByteArray& iconBytes, const QString& displayName = "Service",
-                             const QString& namedIcon = {}) {
+    // The activity of an extension whose containing application folder holds `iconBytes` as
+    // icon.png (none when empty), optionally with an Info.json naming another icon file.
+    std::shared_ptr<LMStreamingActivity> activity(const QByteArray& iconBytes,
+                                                  const QVariantMap& info = {{"CFBundleDisplayName",
+                                                                              "Service"}},
+                                                  const QString& namedIcon = {}) {
         const QString app = dir_.file("apps/com.test.activity");
         QDir().mkpath(app);
         if (!iconBytes.isEmpty()) {
@@ -44,14 +46,10 @@ protected:
             dir_.write("apps/com.test.activity/Info.json", 0,
                        QJsonDocument(QJsonObject{{"CFBundleIconFile", namedIcon}}).toJson());
         }
-        QJsonObject object = manifest("com.test.activity", {}, kTestPoint, 1, displayName);
-        if (displayName.isNull()) {
-            object.insert("infoDictionary", QJsonObject{{"CFBundleName", "PlainName"}});
-        }
-        writeManifest(dir_, "activity.json", object);
-        NSExtensionRegistry registry;
-        const auto scan = registry.scan({dir_.path()});
-        return scan.extensions.empty() ? nullptr : scan.extensions.front();
+        auto plugIn = std::make_shared<NSExtensionPlugIn>(
+            "com.test.activity", QUrl::fromLocalFile(app), 1, QUrl(), QVariantMap(), QString());
+        return LMStreamingActivity::initWithApplicationExtension(std::make_shared<NSExtension>(
+            "com.test.activity", QVariantMap(), info, plugIn, nullptr));
     }
 
     static QByteArray redIcon() {
@@ -68,9 +66,7 @@ protected:
 };
 
 TEST_F(StreamingActivityTest, ImageAtConstructionIsTheIconForNoPathAndLaterCallsGiveTheAppIcon) {
-    const NSExtensionPtr ext = extension(redIcon());
-    ASSERT_TRUE(ext);
-    const auto activity = LMStreamingActivity::initWithApplicationExtension(ext);
+    const auto activity = this->activity(redIcon());
     ASSERT_TRUE(activity);
     EXPECT_EQ(activity->title(), "Service");
     EXPECT_EQ(activity->activityTitle(), "Service");
@@ -94,15 +90,14 @@ TEST_F(StreamingActivityTest, ImageAtConstructionIsTheIconForNoPathAndLaterCalls
 }
 
 TEST_F(StreamingActivityTest, NoDisplayNameGivesANilTitleEvenWithABundleName) {
-    const auto activity =
-        LMStreamingActivity::initWithApplicationExtension(extension({}, QString()));
+    const auto activity = this->activity({}, {{"CFBundleName", "PlainName"}});
     ASSERT_TRUE(activity);
     EXPECT_TRUE(activity->activityTitle().isNull());
     EXPECT_TRUE(activity->title().isNull());
 }
 
 TEST_F(StreamingActivityTest, ChoosingHandsTheActivityToItsStronglyHeldDelegate) {
-    const auto activity = LMStreamingActivity::initWithApplicationExtension(extension({}));
+    const auto activity = this->activity({});
     activity->performAction(QVariant());  // no delegate: nothing happens
     EXPECT_TRUE(activity->sendAction());
 
@@ -125,14 +120,12 @@ TEST_F(StreamingActivityTest, MissingOrBrokenIconsGiveThePlaceholderAndOneErrorL
     const QImage placeholder = NSWorkspace::placeholderIcon();
     platform::log::LogCapture capture;
 
-    const auto garbage =
-        LMStreamingActivity::initWithApplicationExtension(extension("this is not a png"));
+    const auto garbage = activity("this is not a png");
     EXPECT_EQ(NSWorkspace::sharedWorkspace()->iconForFile(dir_.file("apps/com.test.activity")),
               placeholder);
     EXPECT_EQ(garbage->activityImage()->imageRepresentation().size(), QSize(16, 16));
 
-    const auto named =
-        LMStreamingActivity::initWithApplicationExtension(extension({}, "Service", "missing.png"));
+    const auto named = activity({}, {}, "missing.png");
     EXPECT_EQ(named->activityImage()->imageRepresentation().size(), QSize(16, 16));
     EXPECT_EQ(NSWorkspace::sharedWorkspace()->iconForFile(dir_.file("no/such/app")), placeholder);
 
