@@ -14,8 +14,9 @@
 using namespace lumaro::test;
 
 // Tests put the storyboard in the main bundle or take it away; the picker's classes are
-// registered as the picker's program registers them.
-LUMARO_TEST_MAIN(.ownMainBundle = true, .prepare = LMBroadcastPickerRegisterClasses);
+// registered as the picker's program registers them; activities draw icons.
+LUMARO_TEST_MAIN(.widgets = true, .ownMainBundle = true,
+                 .prepare = LMBroadcastPickerRegisterClasses);
 
 namespace {
 

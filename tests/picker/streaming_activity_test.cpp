@@ -10,24 +10,12 @@
 
 #include "picker/LMStreamingActivity.h"
 #include "platform/appkit/NSWorkspace.h"
-#include "platform/log/os_log.h"
+#include "tests/picker/PickerFixture.h"
 #include "tests/support/TempDir.h"
-#include "tests/support/TestMain.h"
 
 using namespace lumaro::test;
 
-LUMARO_TEST_MAIN(.widgets = true);  // the activity draws icons
-
 namespace {
-
-class RecordingDelegate : public LMStreamingActivityDelegate {
-public:
-    void performActionWithStreamingActivity(
-        const std::shared_ptr<LMStreamingActivity>& activity) override {
-        received.push_back(activity.get());
-    }
-    std::vector<LMStreamingActivity*> received;
-};
 
 class StreamingActivityTest : public ::testing::Test {
 protected:
@@ -101,16 +89,16 @@ TEST_F(StreamingActivityTest, ChoosingHandsTheActivityToItsStronglyHeldDelegate)
     activity->performAction(QVariant());  // no delegate: nothing happens
     EXPECT_TRUE(activity->sendAction());
 
-    std::weak_ptr<RecordingDelegate> watch;
+    std::weak_ptr<RecordingController> watch;
     {
-        auto delegate = std::make_shared<RecordingDelegate>();
+        auto delegate = std::make_shared<RecordingController>();
         watch = delegate;
         activity->setDelegate(delegate);
     }
     ASSERT_FALSE(watch.expired());  // the activity keeps its delegate alive
     activity->performAction(QString("ignored sender"));
     EXPECT_TRUE(activity->sendAction());  // the menu entry's action reaches the same method
-    EXPECT_EQ(watch.lock()->received,
+    EXPECT_EQ(watch.lock()->performed(),
               (std::vector<LMStreamingActivity*>{activity.get(), activity.get()}));
     activity->setDelegate(nullptr);
     EXPECT_TRUE(watch.expired());
