@@ -28,13 +28,6 @@ protected:
         writeManifest(dir_, "9.json", manifest("com.test.platform2", {}, kTestPoint, 2));
     }
 
-    QueryResult query(const QString& base, const QString& rule, const QString& unwanted) {
-        return waitFor([&](auto completion) {
-            LMExtensions::extensionsWithMatchingPointNameBaseIdentifierActivationRule(
-                kTestPoint, base, rule, unwanted, completion);
-        });
-    }
-
     TempDir dir_;
     ScopedSearchPath path_{{dir_.path()}};
 };
@@ -88,7 +81,11 @@ TEST_F(QueryTest, BaseIdentifierActivationRuleAndUnwantedRuleMustAllHold) {
              {{}, "X", "Y", {"com.test.Alpha", "com.test.zeta"}},
              {"com.test.z", "X", "Y", {"com.test.zeta"}},
          }) {
-        EXPECT_EQ(query(c.base, c.rule, c.unwanted).identifiers(), c.expected)
+        const QueryResult result = waitFor([&](auto completion) {
+            LMExtensions::extensionsWithMatchingPointNameBaseIdentifierActivationRule(
+                kTestPoint, c.base, c.rule, c.unwanted, completion);
+        });
+        EXPECT_EQ(result.identifiers(), c.expected)
             << c.base.toStdString() << " " << c.rule.toStdString() << " "
             << c.unwanted.toStdString();
     }

@@ -8,7 +8,6 @@
 #include <limits>
 
 #include "picker/LMBroadcastActivityKeys.h"
-#include "platform/log/format.h"
 #include "tests/picker/PickerFixture.h"
 
 using namespace lumaro::test;
@@ -57,7 +56,6 @@ TEST_F(LoadViewTest, InputItemWinsOverTheFlagAndGivesTextsAndSinglePrecisionSize
                       {kLMBroadcastActivityExtensionLedraKeyLocalizedFindBroadcastApps, "Find"},
                       {kLMBroadcastActivityExtensionLedraKeyWidth, "320.5"},
                       {kLMBroadcastActivityExtensionLedraKeyHeight, 200.123456789}})});
-    platform::log::LogCapture capture;
     const auto controller = load(QVariantMap{{"isPrismApp", "NO"}});
     EXPECT_EQ(controller->localizedNoServiceMessage(), "None");
     EXPECT_EQ(controller->localizedBroadcastTitle(), "T %@");
@@ -65,9 +63,6 @@ TEST_F(LoadViewTest, InputItemWinsOverTheFlagAndGivesTextsAndSinglePrecisionSize
     EXPECT_EQ(controller->view()->frame(),
               NSMakeRect(0, 0, 320.5, static_cast<double>(200.123456789f)));
     EXPECT_TRUE(controller->childViewControllers().empty());
-    EXPECT_EQ(capture.texts(), std::vector<std::string>{platform::log::formatMessage(
-                                   " [INFO] %{public}s:%d %p",
-                                   {kMethod, 42, static_cast<const void*>(controller.get())})});
 }
 
 TEST_F(LoadViewTest, WithoutInputItemOnlyExactlyNOSelectsTheParameters) {
