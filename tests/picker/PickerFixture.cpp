@@ -23,6 +23,13 @@ NSExtensionItemPtr hostInfoItem(const QVariant& hostInfo) {
     return titledItem(LMBroadcastExtensionKeyExtensionHostInfo, hostInfo);
 }
 
+NSExtensionItemPtr opaqueItem(const QString& title) {
+    auto item = std::make_shared<NSExtensionItem>();
+    item->setAttributedTitle(title);
+    item->setAttachments({NSItemProvider::initWithItem(QVariantMap{}, "com.test.opaque")});
+    return item;
+}
+
 std::shared_ptr<LMBroadcastActivityViewServiceExtensionContext> makeRequest(
     std::vector<NSExtensionItemPtr> items, const QUuid& uuid) {
     auto context = std::make_shared<LMBroadcastActivityViewServiceExtensionContext>();

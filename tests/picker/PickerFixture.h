@@ -17,10 +17,12 @@
 
 namespace lumaro::test {
 
-// An input item with `userInfo`; a titled item; the host-information item.
+// An input item with `userInfo`; a titled item; the host-information item; a titled item whose
+// attachment is not data.
 NSExtensionItemPtr requestItem(const QVariantMap& userInfo);
 NSExtensionItemPtr titledItem(const QString& title, const QVariant& value);
 NSExtensionItemPtr hostInfoItem(const QVariant& hostInfo);
+NSExtensionItemPtr opaqueItem(const QString& title);
 
 // A new shared context with these input items.
 std::shared_ptr<LMBroadcastActivityViewServiceExtensionContext> makeRequest(

@@ -1,6 +1,6 @@
 // The three loaders and the choice of presentation: host information once per host-info item
 // (entries as found, unusable items skipped), installed setup UIs never delegated to a released
-// controller, the setup result's counter rule, and viewDidLoad's choice.
+// controller, and viewDidLoad's choice. The setup result's loader: concurrent_test.
 #include <gtest/gtest.h>
 
 #include <QBuffer>
@@ -29,13 +29,6 @@ QVariantMap fullHostInfo() {
         {LMBroadcastExtensionKeyExtensionHostInfoAppIcon, png},
         {LMBroadcastExtensionKeyExtensionHostInfoBroadcastActivitiesNotInstalledAlertTitle, "T"},
         {LMBroadcastExtensionKeyExtensionHostInfoBroadcastActivitiesNotInstalledAlertMessage, "M"}};
-}
-
-NSExtensionItemPtr opaqueItem(const QString& title) {
-    auto item = std::make_shared<NSExtensionItem>();
-    item->setAttributedTitle(title);
-    item->setAttachments({NSItemProvider::initWithItem(QVariantMap{}, "com.test.opaque")});
-    return item;
 }
 
 TEST(ActivityListTest, HostInformationArrivesOncePerHostInfoItemWithEntriesAsFound) {
@@ -104,60 +97,6 @@ TEST(ActivityListTest, AControllerReleasedBeforeTheActivitiesArriveIsNotRevived)
     EXPECT_TRUE(watch.expired());
     EXPECT_EQ(capture.texts().front(), "Loading streaming activities");
     EXPECT_EQ(capture.texts().back(), "Returning streaming activity count = 300");
-}
-
-// Loads `items` and waits until every load is over (each load holds its item until it has
-// completed); answers the handler's calls as {bundle id, configuration, user info, URL}.
-std::vector<QStringList> loadSetupResult(const std::vector<NSExtensionItemPtr>& items) {
-    auto controller = std::make_shared<LMBroadcastActivityExtensionNSViewController>();
-    std::vector<long> before;
-    for (const auto& item : items) {
-        before.push_back(item.use_count());
-    }
-    auto mutex = std::make_shared<std::mutex>();
-    auto calls = std::make_shared<std::vector<QStringList>>();
-    controller->loadItems(items, [mutex, calls](const QString& id, const QByteArray& config,
-                                                const QVariantMap& info, const QUrl& url) {
-        std::lock_guard lock(*mutex);
-        calls->push_back({id.isNull() ? "nil" : id, config.isNull() ? "nil" : QString(config),
-                          QString::number(info.size()), url.toString()});
-    });
-    EXPECT_TRUE(platform::dispatch::runMainLoopUntil(
-        [&] {
-            for (size_t i = 0; i < items.size(); ++i) {
-                if (items[i] && items[i].use_count() > before[i]) {
-                    return false;
-                }
-            }
-            return true;
-        },
-        20000));
-    std::lock_guard lock(*mutex);
-    return *calls;
-}
-
-TEST(SetupResultTest, SlotsAreFilledByTitleAsFoundAndMissingOnesKeepTheirStartingValues) {
-    EXPECT_EQ(loadSetupResult(
-                  {titledItem(LMBroadcastExtensionKeyExtensionBundleIdentifier, "com.t.e"),
-                   titledItem(LMBroadcastExtensionKeyBroadcastConfiguration, QByteArray("c")),
-                   titledItem(LMBroadcastExtensionKeyExtensionUserInfo, QVariantMap{{"k", 1}}),
-                   titledItem(kLMBroadcastExtensionKeyExtensionServiceURL, QUrl("https://s/x")),
-                   titledItem("SomethingElse", 5)}),
-              (std::vector<QStringList>{{"com.t.e", "c", "1", "https://s/x"}}));
-    // Values of another type replace the slot, as the slot's readers get them.
-    EXPECT_EQ(loadSetupResult(
-                  {titledItem(LMBroadcastExtensionKeyExtensionBundleIdentifier, 17),
-                   titledItem(LMBroadcastExtensionKeyExtensionUserInfo, "x"),
-                   titledItem(LMBroadcastExtensionKeyBroadcastConfiguration, QVariantMap{{"a", 1}}),
-                   titledItem(kLMBroadcastExtensionKeyExtensionServiceURL, "https://y")}),
-              (std::vector<QStringList>{{"17", "", "0", "https://y"}}));
-}
-
-TEST(SetupResultTest, AnItemThatIsNotDataOrHasNoAttachmentMeansNoHandlerEver) {
-    EXPECT_TRUE(loadSetupResult({titledItem(LMBroadcastExtensionKeyExtensionBundleIdentifier, "a"),
-                                 std::make_shared<NSExtensionItem>(), nullptr})
-                    .empty());
-    EXPECT_TRUE(loadSetupResult({}).empty());
 }
 
 // viewDidLoad's choice, in the order of its checks: the menus are the end-to-end roads'.

@@ -1,10 +1,12 @@
-// Many setup-result loads at once, of many calls: the handler fires exactly once per call, from
-// the load that completes the count, with every slot filled; never when one item is not data.
+// The setup result: each slot filled by the item of its title, values as the slot's readers get
+// them, no handler when an item cannot be loaded. Many loads at once, of many calls: the handler
+// fires exactly once per call, from the load that completes the count, with every slot filled.
 // Run under the thread sanitizer.
 #include <gtest/gtest.h>
 
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QStringList>
-#include <atomic>
 #include <mutex>
 
 #include "picker/LMBroadcastActivityKeys.h"
@@ -15,14 +17,77 @@ using namespace lumaro::test;
 
 namespace {
 
+// The handler's calls for one load, each as {bundle id, configuration, user info, URL} ("nil" for
+// a null value).
 struct Outcome {
-    std::atomic<int> calls{0};
     std::mutex mutex;
-    QString bundleID;
-    QByteArray configuration;
-    QVariantMap userInfo;
-    QUrl serviceURL;
+    std::vector<QStringList> calls;
 };
+
+std::shared_ptr<Outcome> load(LMBroadcastActivityExtensionNSViewController& controller,
+                              const std::vector<NSExtensionItemPtr>& items) {
+    auto outcome = std::make_shared<Outcome>();
+    controller.loadItems(items, [outcome](const QString& id, const QByteArray& config,
+                                          const QVariantMap& info, const QUrl& url) {
+        const QJsonDocument infoText(QJsonObject::fromVariantMap(info));
+        std::lock_guard lock(outcome->mutex);
+        outcome->calls.push_back({id.isNull() ? "nil" : id, config.isNull() ? "nil" : config,
+                                  infoText.toJson(QJsonDocument::Compact), url.toString()});
+    });
+    return outcome;
+}
+
+// Every item is released by its load once that load is over.
+bool settled(const std::vector<NSExtensionItemPtr>& items) {
+    return std::all_of(items.begin(), items.end(),
+                       [](const auto& item) { return item.use_count() <= 1; });
+}
+
+// Loads `items` and waits until each load has let its item go (the caller's list holds them too).
+std::vector<QStringList> loadAndWait(const std::vector<NSExtensionItemPtr>& items) {
+    std::vector<long> held;
+    for (const auto& item : items) {
+        held.push_back(item.use_count());
+    }
+    auto controller = std::make_shared<LMBroadcastActivityExtensionNSViewController>();
+    const auto outcome = load(*controller, items);
+    EXPECT_TRUE(platform::dispatch::runMainLoopUntil(
+        [&] {
+            for (size_t i = 0; i < items.size(); ++i) {
+                if (items[i].use_count() > held[i]) {
+                    return false;
+                }
+            }
+            return true;
+        },
+        20000));
+    std::lock_guard lock(outcome->mutex);
+    return outcome->calls;
+}
+
+TEST(SetupResultTest, SlotsAreFilledByTitleAsFoundAndMissingOnesKeepTheirStartingValues) {
+    EXPECT_EQ(
+        loadAndWait({titledItem(LMBroadcastExtensionKeyExtensionBundleIdentifier, "com.t.e"),
+                     titledItem(LMBroadcastExtensionKeyBroadcastConfiguration, QByteArray("c")),
+                     titledItem(LMBroadcastExtensionKeyExtensionUserInfo, QVariantMap{{"k", 1}}),
+                     titledItem(kLMBroadcastExtensionKeyExtensionServiceURL, QUrl("https://s/x")),
+                     titledItem("SomethingElse", 5)}),
+        (std::vector<QStringList>{{"com.t.e", "c", R"({"k":1})", "https://s/x"}}));
+    // Values of another type replace the slot, as the slot's readers get them.
+    EXPECT_EQ(loadAndWait(
+                  {titledItem(LMBroadcastExtensionKeyExtensionBundleIdentifier, 17),
+                   titledItem(LMBroadcastExtensionKeyExtensionUserInfo, "x"),
+                   titledItem(LMBroadcastExtensionKeyBroadcastConfiguration, QVariantMap{{"a", 1}}),
+                   titledItem(kLMBroadcastExtensionKeyExtensionServiceURL, "https://y")}),
+              (std::vector<QStringList>{{"17", "", "{}", "https://y"}}));
+}
+
+TEST(SetupResultTest, AnItemThatIsNotDataOrHasNoAttachmentMeansNoHandlerEver) {
+    EXPECT_TRUE(loadAndWait({titledItem(LMBroadcastExtensionKeyExtensionBundleIdentifier, "a"),
+                             std::make_shared<NSExtensionItem>(), nullptr})
+                    .empty());
+    EXPECT_TRUE(loadAndWait({}).empty());
+}
 
 // `fillers` items of other titles around the four keys, so that many loads run together.
 std::vector<NSExtensionItemPtr> setupItems(int round, int fillers, bool oneNotData) {
@@ -41,24 +106,10 @@ std::vector<NSExtensionItemPtr> setupItems(int round, int fillers, bool oneNotDa
         }
     }
     if (oneNotData) {
-        auto opaque = std::make_shared<NSExtensionItem>();
-        opaque->setAttributedTitle(LMBroadcastExtensionKeyExtensionUserInfo);
-        opaque->setAttachments({NSItemProvider::initWithItem(QVariantMap{}, "com.test.opaque")});
-        items.insert(items.begin() + fillers / 3, opaque);
+        items.insert(items.begin() + fillers / 3,
+                     opaqueItem(LMBroadcastExtensionKeyExtensionUserInfo));
     }
     return items;
-}
-
-// Every item is released by its load once that load is over.
-bool settled(const std::vector<std::vector<NSExtensionItemPtr>>& calls) {
-    for (const auto& items : calls) {
-        for (const auto& item : items) {
-            if (item.use_count() > 1) {
-                return false;
-            }
-        }
-    }
-    return true;
 }
 
 TEST(SetupResultConcurrencyTest, ManyItemsLoadingAtOnceCallTheHandlerExactlyOnce) {
@@ -68,35 +119,23 @@ TEST(SetupResultConcurrencyTest, ManyItemsLoadingAtOnceCallTheHandlerExactlyOnce
     std::vector<std::shared_ptr<Outcome>> outcomes;
     std::vector<std::vector<NSExtensionItemPtr>> calls;
     for (int round = 0; round < kRounds; ++round) {
-        const bool broken = round % 4 == 3;
-        calls.push_back(setupItems(round, kFillers, broken));
-        auto outcome = std::make_shared<Outcome>();
-        outcomes.push_back(outcome);
-        controller->loadItems(calls.back(), [outcome](const QString& id, const QByteArray& config,
-                                                      const QVariantMap& info, const QUrl& url) {
-            {
-                std::lock_guard lock(outcome->mutex);
-                outcome->bundleID = id;
-                outcome->configuration = config;
-                outcome->userInfo = info;
-                outcome->serviceURL = url;
-            }
-            outcome->calls++;
-        });
+        calls.push_back(setupItems(round, kFillers, round % 4 == 3));
+        outcomes.push_back(load(*controller, calls.back()));
     }
-    ASSERT_TRUE(platform::dispatch::runMainLoopUntil([&] { return settled(calls); }, 60000));
+    ASSERT_TRUE(platform::dispatch::runMainLoopUntil(
+        [&] { return std::all_of(calls.begin(), calls.end(), settled); }, 60000));
     for (int round = 0; round < kRounds; ++round) {
-        Outcome& outcome = *outcomes[round];
+        SCOPED_TRACE(round);
+        std::lock_guard lock(outcomes[round]->mutex);
         if (round % 4 == 3) {
-            EXPECT_EQ(outcome.calls.load(), 0) << round;
-            continue;
+            EXPECT_TRUE(outcomes[round]->calls.empty());
+        } else {
+            EXPECT_EQ(outcomes[round]->calls,
+                      (std::vector<QStringList>{{QStringLiteral("com.test.ext%1").arg(round),
+                                                 QString::number(round),
+                                                 QStringLiteral(R"({"round":%1})").arg(round),
+                                                 QStringLiteral("https://s.test/%1").arg(round)}}));
         }
-        ASSERT_EQ(outcome.calls.load(), 1) << round;
-        std::lock_guard lock(outcome.mutex);
-        EXPECT_EQ(outcome.bundleID, QStringLiteral("com.test.ext%1").arg(round));
-        EXPECT_EQ(outcome.configuration, QByteArray::number(round));
-        EXPECT_EQ(outcome.userInfo, (QVariantMap{{"round", round}}));
-        EXPECT_EQ(outcome.serviceURL, QUrl(QStringLiteral("https://s.test/%1").arg(round)));
     }
 }
 
