@@ -1,14 +1,11 @@
-// The keyed archive's values and errors (that any bytes decode or fail cleanly is the fuzz target's
-// part), and item providers. Titled items travel in the runtime's tests (RuntimeItems).
+// The keyed archive's values and errors; that any bytes decode or fail cleanly is the fuzz
+// target's part. Item providers load in the concurrent test and in the picker's, which skip what
+// cannot be loaded; titled items travel in the runtime's tests (RuntimeItems).
 #include <gtest/gtest.h>
 
 #include <QSize>
 #include <QUrl>
-#include <future>
 
-#include "platform/dispatch/dispatch.h"
-#include "platform/extension/NSItemProvider.h"
-#include "platform/extension/UTType.h"
 #include "platform/foundation/NSKeyedArchiver.h"
 
 namespace {
@@ -78,37 +75,6 @@ TEST(KeyedArchive, ValuesWithoutAnEncodingAreRefused) {
         ASSERT_TRUE(error);
         EXPECT_EQ(error->code(), NSCoderInvalidValueError);
     }
-}
-
-struct Loaded {
-    QVariant item;
-    NSErrorPtr error;
-    std::string queue;
-};
-
-Loaded load(const NSItemProvider& provider, const QString& type) {
-    std::promise<Loaded> promise;
-    provider.loadItemForTypeIdentifier(type, {}, [&promise](QVariant item, NSErrorPtr error) {
-        promise.set_value({item, error, dispatch_queue_get_label(DISPATCH_CURRENT_QUEUE_LABEL)});
-    });
-    return promise.get_future().get();
-}
-
-TEST(ItemProvider, LoadsConformingTypesOnAGlobalQueueAndRefusesOthers) {
-    const NSItemProviderPtr provider = NSItemProvider::initWithItem(QByteArray("v"), kUTTypePNG);
-    EXPECT_FALSE(NSItemProvider(QByteArray("v"), "com.test.unknown")
-                     .hasItemConformingToTypeIdentifier(kUTTypeData));
-    const Loaded ok = load(*provider, kUTTypeData);
-    EXPECT_FALSE(ok.error);
-    EXPECT_EQ(ok.item.toByteArray(), "v");
-    EXPECT_NE(ok.queue, std::string(dispatch_queue_get_label(dispatch_get_main_queue())));
-    EXPECT_NE(ok.queue, "");
-
-    const Loaded refused = load(*provider, kUTTypeText);
-    ASSERT_TRUE(refused.error);
-    EXPECT_EQ(refused.error->domain(), NSItemProviderErrorDomain);
-    EXPECT_FALSE(refused.item.isValid());
-    provider->loadItemForTypeIdentifier(kUTTypeData, {}, nullptr);  // an empty handler is fine
 }
 
 }  // namespace

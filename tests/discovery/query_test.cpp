@@ -105,18 +105,6 @@ TEST(QueryErrors, SearchFailureComesWithTheExtensionsFoundElsewhere) {
     EXPECT_EQ(result.identifiers(), QStringList{"com.test.found"});
 }
 
-TEST(QueryErrors, EmptyAnswerIsAnEmptyArrayAndANilCompletionIsAllowed) {
-    TempDir empty;
-    ScopedSearchPath path({empty.path()});
-    LMExtensions::extensionsWithMatchingPointName(kTestPoint, nullptr);
-    const QueryResult result = waitFor([](auto completion) {
-        LMExtensions::extensionsWithMatchingPointName(kTestPoint, completion);
-    });
-    ASSERT_TRUE(result.answered);
-    EXPECT_TRUE(result.extensions.empty());
-    EXPECT_FALSE(result.error);
-}
-
 TEST(ProcessMode, OnlyTheSampleBufferStringInTheNSExtensionDictionaryGivesOne) {
     const QString sample = "LMBroadcastProcessModeSampleBuffer";
     for (const auto& [info, mode] : std::vector<std::pair<QVariantMap, int64_t>>{

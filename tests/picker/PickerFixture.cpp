@@ -37,20 +37,16 @@ std::shared_ptr<LMBroadcastActivityViewServiceExtensionContext> makeRequest(
     return context;
 }
 
-NSExtensionPtr makeExtension(const QString& identifier, const QString& displayName) {
-    const QVariantMap info{{kCFBundleIdentifierKey, identifier},
-                           {kCFBundleDisplayNameKey, displayName}};
-    auto plugIn = std::make_shared<NSExtensionPlugIn>(identifier, QUrl(), 1, QUrl(), QVariantMap(),
-                                                      QString());
-    return std::make_shared<NSExtension>(identifier, QVariantMap(), info, plugIn, nullptr);
-}
-
 LMStreamingActivityArray makeActivities(
     const QStringList& identifiers, const std::shared_ptr<LMStreamingActivityDelegate>& delegate) {
     LMStreamingActivityArray activities;
     for (const QString& identifier : identifiers) {
-        activities.push_back(
-            LMStreamingActivity::initWithApplicationExtension(makeExtension(identifier)));
+        const QVariantMap info{{kCFBundleIdentifierKey, identifier},
+                               {kCFBundleDisplayNameKey, "Service"}};
+        auto plugIn = std::make_shared<NSExtensionPlugIn>(identifier, QUrl(), 1, QUrl(),
+                                                          QVariantMap(), QString());
+        activities.push_back(LMStreamingActivity::initWithApplicationExtension(
+            std::make_shared<NSExtension>(identifier, QVariantMap(), info, plugIn, nullptr)));
         activities.back()->setDelegate(delegate);
     }
     return activities;
@@ -92,11 +88,6 @@ std::vector<platform::appkit::MenuRecord> MenuRecorder::records() const {
 bool MenuRecorder::allOnMainThread() const {
     std::lock_guard lock(state_->mutex);
     return state_->allOnMain;
-}
-
-bool MenuRecorder::waitFor(size_t count) const {
-    return platform::dispatch::runMainLoopUntil([this, count] { return records().size() >= count; },
-                                                20000);
 }
 
 }  // namespace lumaro::test

@@ -28,8 +28,8 @@ NSExtensionItemPtr opaqueItem(const QString& title);
 std::shared_ptr<LMBroadcastActivityViewServiceExtensionContext> makeRequest(
     std::vector<NSExtensionItemPtr> items, const QUuid& uuid = QUuid::createUuid());
 
-NSExtensionPtr makeExtension(const QString& identifier, const QString& displayName = "Service");
-// One activity per identifier, in order, delegated to `delegate` (none by default).
+// One activity per identifier (an extension made without a registry), in order, delegated to
+// `delegate` (none by default).
 LMStreamingActivityArray makeActivities(
     const QStringList& identifiers,
     const std::shared_ptr<LMStreamingActivityDelegate>& delegate = nullptr);
@@ -53,7 +53,6 @@ public:
     ~MenuRecorder();
     std::vector<platform::appkit::MenuRecord> records() const;
     bool allOnMainThread() const;
-    bool waitFor(size_t count) const;  // runs the main loop until `count` menus were shown
 
 private:
     struct State {

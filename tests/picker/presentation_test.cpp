@@ -102,7 +102,8 @@ TEST_F(PresentationTest, ThousandsOfActivitiesMakeOneMenuOnTheMainQueue) {
     EXPECT_EQ(controller_->activities(), activities);
     EXPECT_TRUE(controller_->applicationInfoExtensionItem());
     EXPECT_TRUE(menus.records().empty());
-    ASSERT_TRUE(menus.waitFor(1));
+    ASSERT_TRUE(
+        platform::dispatch::runMainLoopUntil([&] { return !menus.records().empty(); }, 20000));
     EXPECT_TRUE(menus.allOnMainThread());
     const auto record = menus.records().front();
     ASSERT_EQ(record.entries.size(), 3001u);
