@@ -1,6 +1,6 @@
 // The keyed archive's values and errors; that any bytes decode or fail cleanly is the fuzz
 // target's part. Item providers load in the concurrent test and in the picker's, which skip what
-// cannot be loaded; titled items travel in the runtime's tests (RuntimeItems).
+// cannot be loaded; titled items travel both ways on the end-to-end road.
 #include <gtest/gtest.h>
 
 #include <QSize>
@@ -31,18 +31,9 @@ TEST(KeyedArchive, RoundTripKeepsEveryValueAndType) {
     ASSERT_FALSE(error);
     const QVariant back = NSKeyedUnarchiver::unarchiveObjectWithData(data, &error);
     ASSERT_FALSE(error) << error->description().toStdString();
-    const QVariantMap map = back.toMap();
-    EXPECT_EQ(map.value("data").typeId(), QMetaType::QByteArray);
-    EXPECT_EQ(map.value("data").toByteArray(), QByteArray("\x00\x01\xff", 3));
-    EXPECT_EQ(map.value("int").toLongLong(), -42);
-    EXPECT_EQ(map.value("big").toLongLong(), qint64(1) << 53);
-    EXPECT_EQ(map.value("bool").typeId(), QMetaType::Bool);
-    EXPECT_EQ(map.value("url").toUrl(), QUrl("https://example.invalid/live?x=1"));
-    EXPECT_EQ(map.value("list").toList().at(2).toMap().value("three").toLongLong(), 3);
-    EXPECT_EQ(map.value("nested").toMap().value("inner").toMap().value("deep").toByteArray(), "z");
-    EXPECT_EQ(map.value("empty").toString(), "");
-    EXPECT_EQ(map.value("string").toString(), QStringLiteral("héllo"));
-    EXPECT_EQ(map.size(), sampleTree().size());
+    // Equal values of other types differ, numbers aside: hence the flag's own check.
+    EXPECT_EQ(back.toMap(), sampleTree());
+    EXPECT_EQ(back.toMap().value("bool").typeId(), QMetaType::Bool);
 }
 
 TEST(KeyedArchive, CorruptOrForeignDataIsAnErrorNotACrash) {

@@ -33,7 +33,7 @@ TEST(LogLevel, StartsAtOneAndIgnoresLevelsAboveThree) {
     }
 }
 
-TEST(LogLevel, TaggedMessagesFollowTheLevelMatrixAndUntaggedIgnoreIt) {
+TEST(LogLevel, TaggedMessagesFollowTheLevelMatrixAndTheTypesAndUntaggedIgnoreTheLevel) {
     LevelGuard guard;
     const std::string debug = " [DEBUG] -[Test method]:10 d 1";
     const std::string info = " [INFO] -[Test method]:20 ";
@@ -48,8 +48,19 @@ TEST(LogLevel, TaggedMessagesFollowTheLevelMatrixAndUntaggedIgnoreIt) {
         LMLogSetLogLevel(level);
         EXPECT_EQ(emitAll(), expected[level]) << "level " << level;
     }
-    // What the level leaves out is never formatted (the types' gate is the platform log's).
+    // What the level leaves out is never formatted, nor what the enabled types leave out.
     int evaluated = 0;
     LM_LOG_ERROR(kMethod, "%d", ++evaluated);
-    EXPECT_EQ(evaluated, 0);
+    LMLogSetLogLevel(0);
+    const uint32_t saved = platform::log::enabledTypes();
+    platform::log::setEnabledTypes(platform::log::kErrorTypeBit);
+    LogCapture capture;
+    LM_LOG_INFO(kMethod, "%d", ++evaluated);
+    LM_LOG_ERROR(kMethod, "%d", ++evaluated);
+    platform::log::setEnabledTypes(0);
+    LM_LOG_ERROR(kMethod, "%d", ++evaluated);
+    platform::log::setEnabledTypes(saved);
+    EXPECT_EQ(evaluated, 1);
+    ASSERT_EQ(capture.records().size(), 1u);
+    EXPECT_EQ(capture.records()[0].type, OS_LOG_TYPE_ERROR);
 }

@@ -43,49 +43,38 @@ bool settled(const std::vector<NSExtensionItemPtr>& items) {
                        [](const auto& item) { return item.use_count() <= 1; });
 }
 
-// Loads `items` and waits until each load has let its item go (the caller's list holds them too).
+// Loads `items` and waits until each load has let its item go.
 std::vector<QStringList> loadAndWait(const std::vector<NSExtensionItemPtr>& items) {
-    std::vector<long> held;
-    for (const auto& item : items) {
-        held.push_back(item.use_count());
-    }
     auto controller = std::make_shared<LMBroadcastActivityExtensionNSViewController>();
     const auto outcome = load(*controller, items);
-    EXPECT_TRUE(platform::dispatch::runMainLoopUntil(
-        [&] {
-            for (size_t i = 0; i < items.size(); ++i) {
-                if (items[i].use_count() > held[i]) {
-                    return false;
-                }
-            }
-            return true;
-        },
-        20000));
+    EXPECT_TRUE(platform::dispatch::runMainLoopUntil([&] { return settled(items); }, 20000));
     std::lock_guard lock(outcome->mutex);
     return outcome->calls;
 }
 
 TEST(SetupResultTest, SlotsAreFilledByTitleAsFoundAndMissingOnesKeepTheirStartingValues) {
-    EXPECT_EQ(
-        loadAndWait({titledItem(LMBroadcastExtensionKeyExtensionBundleIdentifier, "com.t.e"),
-                     titledItem(LMBroadcastExtensionKeyBroadcastConfiguration, QByteArray("c")),
-                     titledItem(LMBroadcastExtensionKeyExtensionUserInfo, QVariantMap{{"k", 1}}),
-                     titledItem(kLMBroadcastExtensionKeyExtensionServiceURL, QUrl("https://s/x")),
-                     titledItem("SomethingElse", 5)}),
-        (std::vector<QStringList>{{"com.t.e", "c", R"({"k":1})", "https://s/x"}}));
+    const std::vector<NSExtensionItemPtr> found = {
+        titledItem(LMBroadcastExtensionKeyExtensionBundleIdentifier, "com.t.e"),
+        titledItem(LMBroadcastExtensionKeyBroadcastConfiguration, QByteArray("c")),
+        titledItem(LMBroadcastExtensionKeyExtensionUserInfo, QVariantMap{{"k", 1}}),
+        titledItem(kLMBroadcastExtensionKeyExtensionServiceURL, QUrl("https://s/x")),
+        titledItem("SomethingElse", 5)};
+    EXPECT_EQ(loadAndWait(found),
+              (std::vector<QStringList>{{"com.t.e", "c", R"({"k":1})", "https://s/x"}}));
     // Values of another type replace the slot, as the slot's readers get them.
-    EXPECT_EQ(loadAndWait(
-                  {titledItem(LMBroadcastExtensionKeyExtensionBundleIdentifier, 17),
-                   titledItem(LMBroadcastExtensionKeyExtensionUserInfo, "x"),
-                   titledItem(LMBroadcastExtensionKeyBroadcastConfiguration, QVariantMap{{"a", 1}}),
-                   titledItem(kLMBroadcastExtensionKeyExtensionServiceURL, "https://y")}),
-              (std::vector<QStringList>{{"17", "", "{}", "https://y"}}));
+    const std::vector<NSExtensionItemPtr> otherTypes = {
+        titledItem(LMBroadcastExtensionKeyExtensionBundleIdentifier, 17),
+        titledItem(LMBroadcastExtensionKeyExtensionUserInfo, "x"),
+        titledItem(LMBroadcastExtensionKeyBroadcastConfiguration, QVariantMap{{"a", 1}}),
+        titledItem(kLMBroadcastExtensionKeyExtensionServiceURL, "https://y")};
+    EXPECT_EQ(loadAndWait(otherTypes), (std::vector<QStringList>{{"17", "", "{}", "https://y"}}));
 }
 
 TEST(SetupResultTest, AnItemThatIsNotDataOrHasNoAttachmentMeansNoHandlerEver) {
-    EXPECT_TRUE(loadAndWait({titledItem(LMBroadcastExtensionKeyExtensionBundleIdentifier, "a"),
-                             std::make_shared<NSExtensionItem>(), nullptr})
-                    .empty());
+    const std::vector<NSExtensionItemPtr> unloadable = {
+        titledItem(LMBroadcastExtensionKeyExtensionBundleIdentifier, "a"),
+        std::make_shared<NSExtensionItem>(), nullptr};
+    EXPECT_TRUE(loadAndWait(unloadable).empty());
     EXPECT_TRUE(loadAndWait({}).empty());
 }
 

@@ -110,14 +110,16 @@ TEST_F(LoadViewTest, SizesThatAreNoNumberReadAsZeroAndTextsAreStoredAsFound) {
 TEST_F(LoadViewTest, StoryboardWithoutAUsableControllerLeavesTheViewEmpty) {
     makeRequest({});
     const QVariantMap parameters{{"isPrismApp", "NO"}, {"view-width", 10}, {"view-height", 20}};
-    // Malformed storyboards end the same way (the storyboard's own tests).
-    writeStoryboard(R"({"initialController": "NoSuchController"})");
-    platform::log::LogCapture capture;
-    const auto controller = load(parameters);
-    EXPECT_EQ(capture.count(kNoChild), 1u);
-    EXPECT_EQ(controller->view()->frame(), NSMakeRect(0, 0, 10, 20));
-    EXPECT_TRUE(controller->view()->subviews().empty());
-    EXPECT_TRUE(controller->childViewControllers().empty());
+    for (const QByteArray& json :
+         {QByteArray(R"({"initialController": "NoSuchController"})"), QByteArray("not json")}) {
+        writeStoryboard(json);
+        platform::log::LogCapture capture;
+        const auto controller = load(parameters);
+        EXPECT_EQ(capture.count(kNoChild), 1u);
+        EXPECT_EQ(controller->view()->frame(), NSMakeRect(0, 0, 10, 20));
+        EXPECT_TRUE(controller->view()->subviews().empty());
+        EXPECT_TRUE(controller->childViewControllers().empty());
+    }
 }
 
 TEST_F(LoadViewTest, RemoteFormEmbedsTheStoryboardControllerPinnedToTheView) {

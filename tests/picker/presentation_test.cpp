@@ -41,8 +41,8 @@ protected:
     std::shared_ptr<RecordingController> controller_ = std::make_shared<RecordingController>();
 };
 
-// The name and the bundle reach the setup UI in the end-to-end roads; here the icon's format, and
-// a missing name.
+// The name and the bundle reach the setup UI in the end-to-end roads; here the icon, as TIFF with
+// its pixels, and a missing name.
 TEST_F(PresentationTest, HostDataArchiveHoldsATIFFIconAndAMissingNameEmpty) {
     QImage red(8, 8, QImage::Format_ARGB32);
     red.fill(Qt::red);
@@ -51,6 +51,9 @@ TEST_F(PresentationTest, HostDataArchiveHoldsATIFFIconAndAMissingNameEmpty) {
                                 .value(LMBroadcastExtensionKeyExtensionHostInfoAppIcon)
                                 .toByteArray();
     EXPECT_TRUE(tiff.startsWith("II*") || tiff.startsWith("MM"));
+    const auto icon = NSImage::initWithData(tiff);
+    ASSERT_TRUE(icon);
+    EXPECT_EQ(QColor(icon->imageRepresentation().pixel(4, 4)), QColor(Qt::red));
 
     platform::log::LogCapture capture;
     controller_->archiveHostData(QString(), "com.test.other", nullptr);
