@@ -71,9 +71,9 @@ NSXPCConnection::~NSXPCConnection() {
     thread->owner = nullptr;
     // The queue's last block: whatever QtDBus may still post to (receivers of calls nobody is
     // left to answer for) goes on its own thread, before the thread ends.
-    auto last = [pending = d_->pending, context = thread->context, check = d_->linkCheck] {
-        if (check) {
-            check->deleteLater();
+    auto last = [pending = d_->pending, context = thread->context, d = d_.get()] {
+        if (d->linkCheck) {  // written on the queue only
+            d->linkCheck->deleteLater();
         }
         std::vector<CallReceiver*> left;
         {
@@ -321,14 +321,13 @@ void NSXPCConnection::send(std::string_view selector, const QVariantList& argume
     auto* receiver =
         new CallReceiver(weak_from_this(), method, std::move(reply), errorHandler, d_->pending);
     platform::xpc::MarkedLock lock(d_->mutex);  // held calls go out first, and in order
+    receiver->handTo(d_->thread);
     if (!d_->linkLetIn) {
-        receiver->handTo(d_->thread);
         d_->held.emplace_back(message, receiver);
         platform::xpc::handOver(&d_->held);  // read on the queue (see PendingCalls::Lock)
         return;
     }
-    receiver->watch(bus->asyncCall(message, kNoTimeout));
-    receiver->handTo(d_->thread);
+    receiver->watchOnItsThread(bus->asyncCall(message, kNoTimeout));
 }
 
 // A listener's side suspends a new peer link until it has accepted it, then lets in what came
@@ -340,18 +339,23 @@ void NSXPCConnection::checkLinkLetIn() {
     QDBusMessage ping = QDBusMessage::createMethodCall(
         QString(), QStringLiteral("/"), QStringLiteral("org.freedesktop.DBus.Introspectable"),
         QStringLiteral("Introspect"));
-    auto* watcher = new platform::xpc::ReplyWatcher(d_->bus->asyncCall(ping, kNoTimeout));
-    d_->linkCheck = watcher;
+    // Watched on the connection's queue, for the reason CallReceiver::watchOnItsThread gives.
     std::weak_ptr<NSXPCConnection> weak = weak_from_this();
-    QObject::connect(watcher, &QDBusPendingCallWatcher::finished, watcher,
-                     [weak, watcher](QDBusPendingCallWatcher*) {
-                         watcher->deleteLater();
-                         if (auto self = weak.lock()) {
-                             self->sendHeld();
-                         }
-                     });
-    platform::xpc::handOver(watcher);
-    watcher->moveToThread(d_->thread);
+    dispatchOnQueue([weak, call = d_->bus->asyncCall(ping, kNoTimeout)] {
+        auto self = weak.lock();
+        if (!self) {
+            return;  // the connection is going: nothing is left to send
+        }
+        auto* watcher = new platform::xpc::ReplyWatcher(call);
+        self->d_->linkCheck = watcher;
+        QObject::connect(watcher, &QDBusPendingCallWatcher::finished, watcher,
+                         [weak, watcher](QDBusPendingCallWatcher*) {
+                             watcher->deleteLater();
+                             if (auto self = weak.lock()) {
+                                 self->sendHeld();
+                             }
+                         });
+    });
 }
 
 void NSXPCConnection::sendHeld() {

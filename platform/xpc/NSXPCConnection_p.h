@@ -113,6 +113,8 @@ public:
 
     // Watches `call`; called on the thread the receiver lives on.
     void watch(const QDBusPendingCall& call);
+    // Watches `call` from the thread the receiver lives on; called from any thread once handed.
+    void watchOnItsThread(const QDBusPendingCall& call);
     // From here on the receiver belongs to `thread`.
     void handTo(QThread* thread);
     void fail(int64_t code, const QString& why);
@@ -130,7 +132,6 @@ private:
     NSXPCErrorHandler errorHandler_;
     std::shared_ptr<PendingCalls> pending_;
     bool done_ = false;
-    ReplyWatcher* watcher_ = nullptr;
 };
 
 // The exported object as D-Bus sees it on a connection of its own.

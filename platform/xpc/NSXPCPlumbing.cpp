@@ -125,25 +125,27 @@ bool CallReceiver::finish() {
 
 void CallReceiver::watch(const QDBusPendingCall& call) {
     takeOver(this);
-    watcher_ = new ReplyWatcher(call, this);
-    QObject::connect(watcher_, &QDBusPendingCallWatcher::finished, this,
+    // A call already over (refused by the bus library, or answered) is announced all the same,
+    // through this thread's event loop.
+    auto* watcher = new ReplyWatcher(call, this);
+    QObject::connect(watcher, &QDBusPendingCallWatcher::finished, this,
                      [this](QDBusPendingCallWatcher* finished) { onFinished(finished->reply()); });
-    if (watcher_->isFinished()) {
-        // Over before it was watched (the bus refused it): QtDBus announces that on the sender's
-        // thread, which may run no event loop. The answer comes once either way (see finish()).
-        QMetaObject::invokeMethod(
-            this, [this] { onFinished(watcher_->reply()); }, Qt::QueuedConnection);
-    }
+}
+
+void CallReceiver::watchOnItsThread(const QDBusPendingCall& call) {
+    // A pending call's watcher leaves a helper object of QtDBus's on the thread that makes it,
+    // and the call's last owner deletes that helper on whatever thread it lets go. Made on the
+    // sender's thread, the helper could be deleted on the queue while the sender's thread still
+    // delivered its announcement of an answer that was in before the watcher; and a sender's
+    // thread without an event loop would never deliver it. Made here, on the queue, the helper,
+    // the watcher and the receiver live and end on one thread.
+    QMetaObject::invokeMethod(
+        this, [this, call] { watch(call); }, Qt::QueuedConnection);
 }
 
 void CallReceiver::handTo(QThread* thread) {
-    // Marked before the move, after the last read of our own: the answer may be waiting
-    // already, and run there at once.
-    if (watcher_ != nullptr) {
-        handOver(watcher_);
-    }
-    handOver(this);
-    moveToThread(thread);  // its watcher, a child, moves with it
+    handOver(this);  // marked before the move, after the last write of the sender's
+    moveToThread(thread);
 }
 
 void CallReceiver::fail(int64_t code, const QString& why) {
