@@ -10,9 +10,9 @@
 // to the delegate's connection:handleInvocation:isReply: hook when the delegate has one; otherwise
 // the connection invokes it itself. A transport failure (no owner of the name, peer gone, bus gone,
 // arguments that cannot be sent) reaches the send's error handler exactly once, with
-// NSXPCConnectionInterrupted or NSXPCConnectionInvalid in NSPlatformErrorDomain, and the reply block
-// is then never called. A reply whose values do not match the interface reaches the error handler
-// with NSXPCConnectionReplyInvalid.
+// NSXPCConnectionInterrupted or NSXPCConnectionInvalid in NSPlatformErrorDomain, and the reply
+// block is then never called. A reply whose values do not match the interface reaches the error
+// handler with NSXPCConnectionReplyInvalid.
 #pragma once
 
 #include <QString>
@@ -176,6 +176,7 @@ private:
     friend class platform::xpc::ListenerAdaptor;
     void route(const QDBusMessage& message);
     void acceptPeer(const QDBusConnection& peer);
+    bool askDelegate(const std::shared_ptr<NSXPCConnection>& connection);
     struct Private;
     std::unique_ptr<Private> d_;
 };

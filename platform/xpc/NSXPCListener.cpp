@@ -197,12 +197,19 @@ NSXPCListenerEndpoint NSXPCListener::endpoint() const {
     return NSXPCListenerEndpoint(d_->server->address());
 }
 
-void NSXPCListener::acceptPeer(const QDBusConnection& peer) {
+// Asks the delegate whether to take `connection`. The delegate is held only for the question:
+// what follows a refusal (the link closing) can let its owner drop it, and its last owner must
+// not be this thread, since a delegate may own this listener, which cannot end on its own thread.
+bool NSXPCListener::askDelegate(const std::shared_ptr<NSXPCConnection>& connection) {
     std::shared_ptr<NSXPCListenerDelegate> delegate;
     {
         platform::xpc::MarkedLock lock(d_->mutex);
         delegate = d_->delegate.lock();
     }
+    return delegate && delegate->listener(this, connection);
+}
+
+void NSXPCListener::acceptPeer(const QDBusConnection& peer) {
     // Peers that went away since the last one came are dropped now.
     std::erase_if(d_->peers, [](const auto& entry) {
         auto& peerData = *entry.second->d_;
@@ -215,7 +222,7 @@ void NSXPCListener::acceptPeer(const QDBusConnection& peer) {
     connection->d_->busName = peer.name();
     connection->d_->ownsBus = true;
     startQueue(connection.get(), *connection->d_, QStringLiteral("xpc.connection.peer"));
-    if (!delegate || !delegate->listener(this, connection)) {
+    if (!askDelegate(connection)) {
         os_log(OS_LOG_DEFAULT, "NSXPCListener: refused a peer connection");
         return;  // the connection goes with its last reference, and the link with it
     }
@@ -266,11 +273,9 @@ void NSXPCListener::invalidate() {
 }
 
 void NSXPCListener::route(const QDBusMessage& message) {
-    std::shared_ptr<NSXPCListenerDelegate> delegate;
     std::optional<QDBusConnection> bus;
     {
         platform::xpc::MarkedLock lock(d_->mutex);
-        delegate = d_->delegate.lock();
         bus = d_->bus;
     }
     if (!bus) {
@@ -288,7 +293,7 @@ void NSXPCListener::route(const QDBusMessage& message) {
         connection->d_->bus = bus;
         startQueue(connection.get(), *connection->d_,
                    QStringLiteral("xpc.connection.%1").arg(peer));
-        if (!delegate || !delegate->listener(this, connection)) {
+        if (!askDelegate(connection)) {
             bus->send(message.createErrorReply(QDBusError::AccessDenied,
                                                QStringLiteral("connection refused")));
             return;
