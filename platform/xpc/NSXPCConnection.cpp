@@ -321,13 +321,14 @@ void NSXPCConnection::send(std::string_view selector, const QVariantList& argume
     auto* receiver =
         new CallReceiver(weak_from_this(), method, std::move(reply), errorHandler, d_->pending);
     platform::xpc::MarkedLock lock(d_->mutex);  // held calls go out first, and in order
-    receiver->handTo(d_->thread);
     if (!d_->linkLetIn) {
+        receiver->handTo(d_->thread);
         d_->held.emplace_back(message, receiver);
         platform::xpc::handOver(&d_->held);  // read on the queue (see PendingCalls::Lock)
         return;
     }
     receiver->watchOnItsThread(bus->asyncCall(message, kNoTimeout));
+    receiver->handTo(d_->thread);  // not touched here again: it may be gone at once
 }
 
 // A listener's side suspends a new peer link until it has accepted it, then lets in what came

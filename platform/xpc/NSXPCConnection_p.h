@@ -113,7 +113,7 @@ public:
 
     // Watches `call`; called on the thread the receiver lives on.
     void watch(const QDBusPendingCall& call);
-    // Watches `call` from the thread the receiver lives on; called from any thread once handed.
+    // Watches `call` from the thread the receiver will live on; called before handTo().
     void watchOnItsThread(const QDBusPendingCall& call);
     // From here on the receiver belongs to `thread`.
     void handTo(QThread* thread);

@@ -139,6 +139,7 @@ void CallReceiver::watchOnItsThread(const QDBusPendingCall& call) {
     // delivered its announcement of an answer that was in before the watcher; and a sender's
     // thread without an event loop would never deliver it. Made here, on the queue, the helper,
     // the watcher and the receiver live and end on one thread.
+    // Posted before the receiver is handed over, the event moves with it.
     QMetaObject::invokeMethod(
         this, [this, call] { watch(call); }, Qt::QueuedConnection);
 }
