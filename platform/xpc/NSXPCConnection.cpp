@@ -327,8 +327,7 @@ void NSXPCConnection::send(std::string_view selector, const QVariantList& argume
         platform::xpc::handOver(&d_->held);  // read on the queue (see PendingCalls::Lock)
         return;
     }
-    receiver->watchOnItsThread(bus->asyncCall(message, kNoTimeout));
-    receiver->handTo(d_->thread);  // not touched here again: it may be gone at once
+    receiver->handTo(d_->thread, bus->asyncCall(message, kNoTimeout));  // may be gone at once
 }
 
 // A listener's side suspends a new peer link until it has accepted it, then lets in what came
@@ -340,7 +339,7 @@ void NSXPCConnection::checkLinkLetIn() {
     QDBusMessage ping = QDBusMessage::createMethodCall(
         QString(), QStringLiteral("/"), QStringLiteral("org.freedesktop.DBus.Introspectable"),
         QStringLiteral("Introspect"));
-    // Watched on the connection's queue, for the reason CallReceiver::watchOnItsThread gives.
+    // Watched on the connection's queue, for the reason CallReceiver::handTo gives.
     std::weak_ptr<NSXPCConnection> weak = weak_from_this();
     dispatchOnQueue([weak, call = d_->bus->asyncCall(ping, kNoTimeout)] {
         auto self = weak.lock();

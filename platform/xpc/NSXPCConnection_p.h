@@ -113,10 +113,9 @@ public:
 
     // Watches `call`; called on the thread the receiver lives on.
     void watch(const QDBusPendingCall& call);
-    // Watches `call` from the thread the receiver will live on; called before handTo().
-    void watchOnItsThread(const QDBusPendingCall& call);
-    // From here on the receiver belongs to `thread`.
-    void handTo(QThread* thread);
+    // From here on the receiver belongs to `thread` (the caller must not touch it again); with
+    // `call`, it watches that call there.
+    void handTo(QThread* thread, const std::optional<QDBusPendingCall>& call = std::nullopt);
     void fail(int64_t code, const QString& why);
     bool event(QEvent* event) override {
         takeOver(this);

@@ -132,19 +132,18 @@ void CallReceiver::watch(const QDBusPendingCall& call) {
                      [this](QDBusPendingCallWatcher* finished) { onFinished(finished->reply()); });
 }
 
-void CallReceiver::watchOnItsThread(const QDBusPendingCall& call) {
-    // A pending call's watcher leaves a helper object of QtDBus's on the thread that makes it,
-    // and the call's last owner deletes that helper on whatever thread it lets go. Made on the
-    // sender's thread, the helper could be deleted on the queue while the sender's thread still
-    // delivered its announcement of an answer that was in before the watcher; and a sender's
-    // thread without an event loop would never deliver it. Made here, on the queue, the helper,
-    // the watcher and the receiver live and end on one thread.
-    // Posted before the receiver is handed over, the event moves with it.
-    QMetaObject::invokeMethod(
-        this, [this, call] { watch(call); }, Qt::QueuedConnection);
-}
-
-void CallReceiver::handTo(QThread* thread) {
+void CallReceiver::handTo(QThread* thread, const std::optional<QDBusPendingCall>& call) {
+    if (call) {
+        // A pending call's watcher leaves a helper object of QtDBus's on the thread that makes
+        // it, and the call's last owner deletes that helper on whatever thread it lets go. Made
+        // on the sender's thread, the helper could be deleted on the queue while the sender's
+        // thread still delivered its announcement of an answer that was in before the watcher;
+        // and a sender's thread without an event loop would never deliver it. So the watcher is
+        // made on the queue, where helper, watcher and receiver live and end on one thread: the
+        // block is posted here, before the move, and moves with the receiver.
+        QMetaObject::invokeMethod(
+            this, [this, watched = *call] { watch(watched); }, Qt::QueuedConnection);
+    }
     handOver(this);  // marked before the move, after the last write of the sender's
     moveToThread(thread);
 }

@@ -2,6 +2,9 @@
 // passed through, and the processing mode.
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <future>
+
 #include "discovery/LMExtensions.h"
 #include "platform/log/os_log.h"
 #include "tests/support/Manifests.h"
@@ -9,6 +12,28 @@
 using namespace lumaro::test;
 
 namespace {
+
+struct QueryResult {
+    bool answered = false;
+    std::vector<NSExtensionPtr> extensions;
+    NSErrorPtr error;
+    QStringList identifiers() const { return identifiersOf(extensions); }
+};
+
+// Runs `start` with a completion and waits for that completion (a guard, not a timing check).
+using QueryStart =
+    std::function<void(std::function<void(std::vector<NSExtensionPtr>, NSErrorPtr)>)>;
+QueryResult waitFor(const QueryStart& start) {
+    auto promise = std::make_shared<std::promise<QueryResult>>();
+    start([promise](std::vector<NSExtensionPtr> extensions, NSErrorPtr error) {
+        promise->set_value(QueryResult{true, std::move(extensions), std::move(error)});
+    });
+    auto future = promise->get_future();
+    if (future.wait_for(std::chrono::seconds(60)) != std::future_status::ready) {
+        return {};
+    }
+    return future.get();
+}
 
 class QueryTest : public ::testing::Test {
 protected:

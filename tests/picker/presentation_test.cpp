@@ -5,10 +5,12 @@
 #include <gtest/gtest.h>
 
 #include <QImage>
+#include <atomic>
 
 #include "picker/LMBroadcastActivityKeys.h"
 #include "picker/LMBroadcastValues.h"
 #include "platform/dispatch/dispatch.h"
+#include "platform/extension/UTType.h"
 #include "platform/foundation/NSKeyedArchiver.h"
 #include "tests/picker/PickerFixture.h"
 #include "tests/support/Manifests.h"
@@ -22,9 +24,17 @@ const std::string kSingleMethod =
     "preferredExtension:iconImage:appName:activities:]";
 const NSPoint kAnchor = NSMakePoint(static_cast<double>(120.7f), static_cast<double>(45.2f));
 
+// The item's first attachment as data, running the main loop until it came (a guard, not a
+// timing check), unarchived.
 QVariantMap unarchivedAttachment(const NSExtensionItemPtr& item) {
-    const QVariant data = loadItem(item->attachments().at(0));
-    return NSKeyedUnarchiver::unarchiveObjectWithData(data.toByteArray()).toMap();
+    auto loaded = std::make_shared<std::pair<std::atomic<bool>, QVariant>>();  // outlives the load
+    item->attachments().at(0)->loadItemForTypeIdentifier(
+        kUTTypeData, {}, [loaded](const QVariant& v, const NSErrorPtr&) {
+            loaded->second = v;
+            loaded->first = true;
+        });
+    platform::dispatch::runMainLoopUntil([&] { return loaded->first.load(); }, 20000);
+    return NSKeyedUnarchiver::unarchiveObjectWithData(loaded->second.toByteArray()).toMap();
 }
 
 class PresentationTest : public ::testing::Test {
