@@ -5,7 +5,7 @@ JOBS ?= $(shell nproc)
 CTEST := ctest -j$(JOBS) --preset
 # `make stress`: the concurrent and cross-process tests, N times each, stopping at the first failure.
 N ?= 20
-STRESS_TESTS := concurrent|xpc_tests|extension_runtime_tests|daemon_proxy_tests|e2e_tests|e2e_fault_tests
+STRESS_TESTS := concurrent|xpc_tests|extension_runtime_tests|daemon_proxy_tests|e2e_tests|e2e_fault_tests|e2e_display_tests
 
 .PHONY: all deps build build-asan build-tsan build-fuzz test test-default test-asan test-tsan test-fuzz stress fuzz demo bench package clean format tidy
 

@@ -1,6 +1,7 @@
 #include "tests/support/TestBus.h"
 
 #include <signal.h>
+#include <sys/prctl.h>
 
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
@@ -93,6 +94,9 @@ ChildProcess::~ChildProcess() {
 bool ChildProcess::start() {
     process_ = std::make_unique<QProcess>();
     process_->setProcessChannelMode(QProcess::ForwardedOutputChannel);
+    // It ends with the test, however the test ends: a test killed by a sanitizer report leaves
+    // no child holding the runner's output pipe open.
+    process_->setChildProcessModifier([] { ::prctl(PR_SET_PDEATHSIG, SIGKILL); });
     process_->start(program_, arguments_);
     return process_->waitForStarted(10000);
 }
