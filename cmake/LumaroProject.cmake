@@ -9,6 +9,25 @@ if(LUMARO_SANITIZE)
   add_compile_options(-fsanitize=${_san} -fno-omit-frame-pointer -fno-sanitize-recover=all)
   add_link_options(-fsanitize=${_san})
 endif()
+# The thread-sanitizer build: every executable carries its own clone() (cmake/tsan_clone.cpp says
+# why); lumaro_link_tsan_clone() adds it once every target exists.
+if(LUMARO_SANITIZE STREQUAL "thread")
+  add_library(lumaro_tsan_clone OBJECT ${CMAKE_CURRENT_LIST_DIR}/tsan_clone.cpp)
+endif()
+function(lumaro_link_tsan_clone dir)
+  get_property(targets DIRECTORY ${dir} PROPERTY BUILDSYSTEM_TARGETS)
+  foreach(target ${targets})
+    get_target_property(type ${target} TYPE)
+    if(type STREQUAL "EXECUTABLE")
+      target_link_libraries(${target} PRIVATE lumaro_tsan_clone ${CMAKE_DL_LIBS})
+    endif()
+  endforeach()
+  get_property(subdirs DIRECTORY ${dir} PROPERTY SUBDIRECTORIES)
+  foreach(subdir ${subdirs})
+    lumaro_link_tsan_clone(${subdir})
+  endforeach()
+endfunction()
+
 # The fuzz build: every library carries libFuzzer's coverage counters; only the targets in fuzz/
 # link the fuzzer itself.
 if(LUMARO_FUZZ_ONLY)

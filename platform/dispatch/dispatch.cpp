@@ -1,4 +1,5 @@
 #include "platform/dispatch/dispatch.h"
+#include "platform/dispatch/handover.h"
 
 #include <sys/resource.h>
 #include <sys/syscall.h>
@@ -35,21 +36,26 @@ void runBlock(const dispatch_queue_s* queue, dispatch_block_t& block) {
     tCurrentQueue = previous;
 }
 
-// The main queue: a FIFO drained on the main thread, one block per posted Qt event.
+// The main queue: a FIFO drained on the main thread, one block per posted Qt event. The events
+// go to a waker of ours, which marks each hand-over to the thread sanitizer (Qt's event queue is
+// out of its sight).
 class MainQueue final : public dispatch_queue_s {
 public:
     MainQueue() : dispatch_queue_s("main-thread") {}
 
     void async(dispatch_block_t block) override {
+        QObject* waker = nullptr;
         {
             std::lock_guard lock(mutex_);
             pending_.push_back(std::move(block));
+            waker = wakerLocked();
         }
-        QCoreApplication* app = QCoreApplication::instance();
-        if (app == nullptr) {
+        if (waker == nullptr) {
             return;  // drained by the first turn of the loop once an application exists
         }
-        QMetaObject::invokeMethod(app, [this] { drain(); }, Qt::QueuedConnection);
+        auto* wake = new QEvent(QEvent::User);
+        platform::dispatch::handOver(waker);
+        QCoreApplication::postEvent(waker, wake);
     }
 
 private:
@@ -76,8 +82,35 @@ private:
         }
     }
 
+    class Waker final : public QObject {
+    public:
+        explicit Waker(MainQueue* queue) : queue_(queue) {}
+        bool event(QEvent* event) override {
+            platform::dispatch::takeOver(this);
+            if (event->type() != QEvent::User) {
+                return QObject::event(event);
+            }
+            queue_->drain();
+            return true;
+        }
+
+    private:
+        MainQueue* const queue_;
+    };
+
+    // The waker, made on the first post once an application exists and living on its thread.
+    QObject* wakerLocked() {
+        QCoreApplication* app = QCoreApplication::instance();
+        if (waker_ == nullptr && app != nullptr) {
+            waker_ = new Waker(this);
+            waker_->moveToThread(app->thread());
+        }
+        return waker_;
+    }
+
     std::mutex mutex_;
     std::deque<dispatch_block_t> pending_;
+    Waker* waker_ = nullptr;  // never deleted, like the queue
 };
 
 // A concurrent queue: worker threads are added while every existing one is busy, up to a cap,
