@@ -255,6 +255,7 @@ private:
             threads_.pop_front();
             lock.unlock();
             thread->wait();
+            takeOver(thread);  // what the thread did before it ended (Qt's join is out of sight)
             delete thread;
             lock.lock();
         }

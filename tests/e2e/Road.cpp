@@ -1,5 +1,7 @@
 #include "tests/e2e/Road.h"
 
+#include <gtest/gtest.h>
+
 #include <QDeadlineTimer>
 #include <QDir>
 #include <QFile>
@@ -12,6 +14,7 @@ namespace lumaro::test {
 namespace {
 
 const QString kExtensions = QStringLiteral("data/lumaro/extensions/");
+const QString kReports = QStringLiteral("sanitizer-reports");
 constexpr int kLimitMs = 90000;
 
 }  // namespace
@@ -47,6 +50,15 @@ Road::Road() {
     const QString picker = QStringLiteral("com.vantor.lumaro.broadcast-picker.json");
     QFile::copy(buildPath(QStringLiteral("share/lumaro/extensions/") + picker),
                 dir_.file(kExtensions + picker));
+}
+
+Road::~Road() {
+    const QDir reports(dir_.file(kReports));
+    for (const QString& name : reports.entryList(QDir::Files)) {
+        QFile report(reports.filePath(name));
+        report.open(QIODevice::ReadOnly);
+        ADD_FAILURE() << name.toStdString() << ":\n" << report.readAll().toStdString();
+    }
 }
 
 void Road::installService(const Service& service) {
@@ -93,6 +105,13 @@ QProcessEnvironment Road::environment() const {
     if (!session_.isEmpty()) {
         env.remove(QStringLiteral("QT_QPA_PLATFORM"));
         env.insert(session_);
+    }
+    QDir().mkpath(dir_.file(kReports));
+    const QString logPath =
+        QStringLiteral(":log_path=%1/report:log_exe_name=1").arg(dir_.file(kReports));
+    for (const QString& key : {QStringLiteral("ASAN_OPTIONS"), QStringLiteral("TSAN_OPTIONS"),
+                               QStringLiteral("UBSAN_OPTIONS")}) {
+        env.insert(key, env.value(key) + logPath);
     }
     return env;
 }
