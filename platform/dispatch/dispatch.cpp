@@ -1,5 +1,5 @@
 #include "platform/dispatch/dispatch.h"
-#include "platform/dispatch/handover.h"
+#include "platform/dispatch/waker.h"
 
 #include <sys/resource.h>
 #include <sys/syscall.h>
@@ -36,15 +36,13 @@ void runBlock(const dispatch_queue_s* queue, dispatch_block_t& block) {
     tCurrentQueue = previous;
 }
 
-// The main queue: a FIFO drained on the main thread, one block per posted Qt event. The events
-// go to a waker of ours, which marks each hand-over to the thread sanitizer (Qt's event queue is
-// out of its sight).
+// The main queue: a FIFO drained on the main thread, one turn per wake-up of its waker.
 class MainQueue final : public dispatch_queue_s {
 public:
     MainQueue() : dispatch_queue_s("main-thread") {}
 
     void async(dispatch_block_t block) override {
-        QObject* waker = nullptr;
+        platform::dispatch::Waker* waker = nullptr;
         {
             std::lock_guard lock(mutex_);
             pending_.push_back(std::move(block));
@@ -53,9 +51,7 @@ public:
         if (waker == nullptr) {
             return;  // drained by the first turn of the loop once an application exists
         }
-        auto* wake = new QEvent(QEvent::User);
-        platform::dispatch::handOver(waker);
-        QCoreApplication::postEvent(waker, wake);
+        waker->wake();
     }
 
 private:
@@ -82,27 +78,11 @@ private:
         }
     }
 
-    class Waker final : public QObject {
-    public:
-        explicit Waker(MainQueue* queue) : queue_(queue) {}
-        bool event(QEvent* event) override {
-            platform::dispatch::takeOver(this);
-            if (event->type() != QEvent::User) {
-                return QObject::event(event);
-            }
-            queue_->drain();
-            return true;
-        }
-
-    private:
-        MainQueue* const queue_;
-    };
-
     // The waker, made on the first post once an application exists and living on its thread.
-    QObject* wakerLocked() {
+    platform::dispatch::Waker* wakerLocked() {
         QCoreApplication* app = QCoreApplication::instance();
         if (waker_ == nullptr && app != nullptr) {
-            waker_ = new Waker(this);
+            waker_ = new platform::dispatch::Waker([this] { drain(); });
             waker_->moveToThread(app->thread());
         }
         return waker_;
@@ -110,14 +90,15 @@ private:
 
     std::mutex mutex_;
     std::deque<dispatch_block_t> pending_;
-    Waker* waker_ = nullptr;  // never deleted, like the queue
+    platform::dispatch::Waker* waker_ = nullptr;  // never deleted, like the queue
 };
 
 // A concurrent queue: worker threads are added while every existing one is busy, up to a cap,
 // so that a block waiting on another block of the same queue cannot starve it.
 class GlobalQueue final : public dispatch_queue_s {
 public:
-    GlobalQueue(std::string label, int niceness) : dispatch_queue_s(std::move(label)), nice_(niceness) {}
+    GlobalQueue(std::string label, int niceness)
+        : dispatch_queue_s(std::move(label)), nice_(niceness) {}
 
     void async(dispatch_block_t block) override {
         std::lock_guard lock(mutex_);

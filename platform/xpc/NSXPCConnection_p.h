@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "platform/dispatch/handover.h"
+#include "platform/dispatch/waker.h"
 #include "platform/xpc/NSXPCConnection.h"
 
 namespace platform::xpc {
@@ -37,13 +38,14 @@ using platform::dispatch::takeOver;
 // calls metaObject() on registered objects, and Qt's own version of it is not instrumented code
 // racing with our constructors in the thread sanitizer's eyes.
 
-// Runs blocks posted to it on its thread, in order.
-class QueueContext final : public QObject {
+// Runs blocks posted to it on its thread, in order, one per wake-up.
+class QueueContext final : public platform::dispatch::Waker {
 public:
+    QueueContext() : Waker([this] { runNext(); }) {}
     void post(std::function<void()> block);
-    bool event(QEvent* event) override;
 
 private:
+    void runNext();
     std::mutex mutex_;
     std::deque<std::function<void()>> blocks_;
 };

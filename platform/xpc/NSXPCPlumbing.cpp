@@ -55,27 +55,20 @@ void QueueContext::post(std::function<void()> block) {
         platform::xpc::MarkedLock lock(mutex_);
         blocks_.push_back(std::move(block));
     }
-    auto* wake = new QEvent(QEvent::User);
-    handOver(this);
-    QCoreApplication::postEvent(this, wake);
+    wake();
 }
 
-bool QueueContext::event(QEvent* event) {
-    takeOver(this);
-    if (event->type() != QEvent::User) {
-        return QObject::event(event);
-    }
+void QueueContext::runNext() {
     std::function<void()> block;
     {
         platform::xpc::MarkedLock lock(mutex_);
         if (blocks_.empty()) {
-            return true;
+            return;
         }
         block = std::move(blocks_.front());
         blocks_.pop_front();
     }
     block();
-    return true;
 }
 
 ConnectionThread::ConnectionThread(NSXPCConnection* o, const QString& label) : owner(o) {

@@ -46,6 +46,7 @@ Road::Road() {
     bus_.exportToEnvironment();
     QDir().mkpath(dir_.file(kExtensions));
     QDir().mkpath(dir_.file(QStringLiteral("empty")));
+    QDir().mkpath(dir_.file(kReports));
     // The picker as the build tree lays it out.
     const QString picker = QStringLiteral("com.vantor.lumaro.broadcast-picker.json");
     QFile::copy(buildPath(QStringLiteral("share/lumaro/extensions/") + picker),
@@ -106,7 +107,6 @@ QProcessEnvironment Road::environment() const {
         env.remove(QStringLiteral("QT_QPA_PLATFORM"));
         env.insert(session_);
     }
-    QDir().mkpath(dir_.file(kReports));
     const QString logPath =
         QStringLiteral(":log_path=%1/report:log_exe_name=1").arg(dir_.file(kReports));
     for (const QString& key : {QStringLiteral("ASAN_OPTIONS"), QStringLiteral("TSAN_OPTIONS"),

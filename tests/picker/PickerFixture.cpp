@@ -37,16 +37,21 @@ std::shared_ptr<LMBroadcastActivityViewServiceExtensionContext> makeRequest(
     return context;
 }
 
+std::shared_ptr<LMStreamingActivity> makeActivity(const QString& identifier,
+                                                  const QVariantMap& info,
+                                                  const QUrl& application) {
+    auto plugIn = std::make_shared<NSExtensionPlugIn>(identifier, application, 1, QUrl(),
+                                                      QVariantMap(), QString());
+    return LMStreamingActivity::initWithApplicationExtension(
+        std::make_shared<NSExtension>(identifier, QVariantMap(), info, plugIn, nullptr));
+}
+
 LMStreamingActivityArray makeActivities(
     const QStringList& identifiers, const std::shared_ptr<LMStreamingActivityDelegate>& delegate) {
     LMStreamingActivityArray activities;
     for (const QString& identifier : identifiers) {
-        const QVariantMap info{{kCFBundleIdentifierKey, identifier},
-                               {kCFBundleDisplayNameKey, "Service"}};
-        auto plugIn = std::make_shared<NSExtensionPlugIn>(identifier, QUrl(), 1, QUrl(),
-                                                          QVariantMap(), QString());
-        activities.push_back(LMStreamingActivity::initWithApplicationExtension(
-            std::make_shared<NSExtension>(identifier, QVariantMap(), info, plugIn, nullptr)));
+        activities.push_back(makeActivity(identifier, {{kCFBundleIdentifierKey, identifier},
+                                                       {kCFBundleDisplayNameKey, "Service"}}));
         activities.back()->setDelegate(delegate);
     }
     return activities;

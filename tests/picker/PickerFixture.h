@@ -28,8 +28,12 @@ NSExtensionItemPtr opaqueItem(const QString& title);
 std::shared_ptr<LMBroadcastActivityViewServiceExtensionContext> makeRequest(
     std::vector<NSExtensionItemPtr> items, const QUuid& uuid = QUuid::createUuid());
 
-// One activity per identifier (an extension made without a registry), in order, delegated to
-// `delegate` (none by default).
+// The activity of an extension made without a registry, with `info` as its info dictionary and
+// `application` as its containing application's folder.
+std::shared_ptr<LMStreamingActivity> makeActivity(const QString& identifier,
+                                                  const QVariantMap& info,
+                                                  const QUrl& application = {});
+// One activity per identifier, in order, delegated to `delegate` (none by default).
 LMStreamingActivityArray makeActivities(
     const QStringList& identifiers,
     const std::shared_ptr<LMStreamingActivityDelegate>& delegate = nullptr);

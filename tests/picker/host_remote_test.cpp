@@ -1,6 +1,6 @@
 // The host-side context keeps messages until a host view controller is bound. The relays with
-// their values and the setup-UI host controller's factory are the end-to-end roads'; calls whose arguments do not match the
-// interface never pass the link (the connection refuses them).
+// their values and the setup-UI host controller's factory are the end-to-end roads'; calls whose
+// arguments do not match the interface never pass the link (the connection refuses them).
 #include <gtest/gtest.h>
 
 #include "picker/LMBroadcastActivityHostRemoteNSViewController.h"

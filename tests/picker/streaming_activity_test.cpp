@@ -34,10 +34,7 @@ protected:
             dir_.write("apps/com.test.activity/Info.json", 0,
                        QJsonDocument(QJsonObject{{"CFBundleIconFile", namedIcon}}).toJson());
         }
-        auto plugIn = std::make_shared<NSExtensionPlugIn>(
-            "com.test.activity", QUrl::fromLocalFile(app), 1, QUrl(), QVariantMap(), QString());
-        return LMStreamingActivity::initWithApplicationExtension(std::make_shared<NSExtension>(
-            "com.test.activity", QVariantMap(), info, plugIn, nullptr));
+        return makeActivity("com.test.activity", info, QUrl::fromLocalFile(app));
     }
 
     static QByteArray redIcon() {
