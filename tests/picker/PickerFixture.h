@@ -28,8 +28,7 @@ NSExtensionItemPtr opaqueItem(const QString& title);
 std::shared_ptr<LMBroadcastActivityViewServiceExtensionContext> makeRequest(
     std::vector<NSExtensionItemPtr> items, const QUuid& uuid = QUuid::createUuid());
 
-// The activity of an extension made without a registry, with `info` as its info dictionary and
-// `application` as its containing application's folder.
+// The activity of an extension made without a registry (`application`: its containing app).
 std::shared_ptr<LMStreamingActivity> makeActivity(const QString& identifier,
                                                   const QVariantMap& info,
                                                   const QUrl& application = {});
